@@ -1,0 +1,21 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "core/Expected.h"
+
+namespace osv {
+
+// Writes `data` to a temporary file beside `path`, flushes it to disk and renames it over
+// `path`, so that a reader sees either the old file whole or the new one whole. Creates
+// the parent folder if needed. `permissions` are the new file's mode (0600 for secrets).
+// Error codes: "atomic_write_failed".
+Expected<void> writeFileAtomically(const std::filesystem::path& path, std::string_view data,
+                                   unsigned permissions = 0644);
+
+// The whole file. Error codes: "file_missing", "file_unreadable".
+Expected<std::string> readWholeFile(const std::filesystem::path& path);
+
+}  // namespace osv
