@@ -163,6 +163,36 @@ std::vector<std::string_view> graphemes(std::string_view text) {
     return out;
 }
 
+namespace {
+
+// Start of the scalar that ends at `end`.
+std::size_t scalarStartBefore(std::string_view s, std::size_t end) {
+    std::size_t start = end - 1;
+    while (start > 0 && end - start < 4 && (static_cast<unsigned char>(s[start]) & 0xC0) == 0x80) --start;
+    return start;
+}
+
+}  // namespace
+
+std::string_view lastCharacter(std::string_view text) {
+    if (text.empty()) return {};
+    const std::size_t start = scalarStartBefore(text, text.size());
+    std::size_t probe = start;
+    const char32_t last = decodeScalar(text, probe);
+    if (probe == text.size() && isStandalone(last) && last != U'\n') {
+        if (start == 0) return text.substr(start);
+        // Two standalone scalars never join, whatever stands before them.
+        const std::size_t previousStart = scalarStartBefore(text, start);
+        std::size_t q = previousStart;
+        if (isStandalone(decodeScalar(text, q)) && q == start) return text.substr(start);
+    }
+    std::string_view character;
+    std::string_view lastSeen;
+    GraphemeWalker walker(text);
+    while (walker.next(character)) lastSeen = character;
+    return lastSeen;
+}
+
 std::string_view dropGraphemes(std::string_view text, std::size_t count) {
     GraphemeWalker w(text);
     std::string_view c;

@@ -50,6 +50,8 @@ private:
 
 std::size_t graphemeCount(std::string_view text);
 std::vector<std::string_view> graphemes(std::string_view text);
+// The last character; looks only at the end of the text in the common case.
+std::string_view lastCharacter(std::string_view text);
 // The text after the first `count` characters (empty if it has no more).
 std::string_view dropGraphemes(std::string_view text, std::size_t count);
 
