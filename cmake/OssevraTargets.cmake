@@ -37,7 +37,7 @@ function(ossevra_test name)
     target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} ossevra_options GTest::gtest
         GTest::gmock GTest::gtest_main)
     target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
-    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
-        PROPERTIES LABELS "${ARG_LABELS}"
-        ENVIRONMENT "OSV_TEST_DATA=${PROJECT_SOURCE_DIR}/tests/data;OSV_EXAMPLES=${PROJECT_SOURCE_DIR}/examples")
+    # Tests find fixtures and examples relative to the source tree.
+    target_compile_definitions(${name} PRIVATE OSV_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS "${ARG_LABELS}")
 endfunction()

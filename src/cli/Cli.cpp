@@ -1,0 +1,41 @@
+#include "cli/Cli.h"
+
+#include <ostream>
+
+namespace osv::cli {
+namespace {
+
+constexpr const char* kUsageText =
+    "usage: ossevra-cli <command> [arguments]\n"
+    "\n"
+    "commands:\n"
+    "  transcript fold FILE.jsonl [--text]     fold an event log and print the snapshot as JSON\n"
+    "                                           (--text: as a person reads it)\n"
+    "  transcript compact IN.jsonl OUT.jsonl   join runs of deltas, as stored recordings keep them\n"
+    "  transcript build SCRIPT.jsonl [--deterministic-ids]\n"
+    "                                           run a script of segmenter calls; the event log goes\n"
+    "                                           to standard output, each ingest's directive to\n"
+    "                                           standard error\n"
+    "  help                                     this text\n"
+    "\n"
+    "FILE may be - for standard input.\n";
+
+}  // namespace
+
+int run(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err) {
+    if (args.empty()) {
+        err << kUsageText;
+        return kUsage;
+    }
+    const std::string& command = args[0];
+    if (command == "help" || command == "--help" || command == "-h") {
+        out << kUsageText;
+        return kOk;
+    }
+    const std::vector<std::string> rest(args.begin() + 1, args.end());
+    if (command == "transcript") return runTranscript(rest, in, out, err);
+    err << "ossevra-cli: unknown command \"" << command << "\"\n\n" << kUsageText;
+    return kUsage;
+}
+
+}  // namespace osv::cli

@@ -1,0 +1,23 @@
+#pragma once
+
+// ossevra-cli: the headless command line over the core, for scripts and for checking.
+// Output formats are stable: scripts depend on them.
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace osv::cli {
+
+// Exit statuses.
+inline constexpr int kOk = 0;
+inline constexpr int kFailed = 1;  // the command ran and could not do its work
+inline constexpr int kUsage = 2;   // the command line or the input is malformed
+
+// Runs one command line (without the program name). Reads standard input from `in`.
+int run(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err);
+
+// The transcript commands: fold, compact, build.
+int runTranscript(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err);
+
+}  // namespace osv::cli

@@ -1,0 +1,347 @@
+#include <cstdio>
+#include <filesystem>
+#include <iomanip>
+#include <istream>
+#include <iterator>
+#include <ostream>
+#include <sstream>
+
+#include "cli/Cli.h"
+#include "core/AtomicFile.h"
+#include "core/Json.h"
+#include "core/Text.h"
+#include "transcript/TranscriptEventJson.h"
+#include "transcript/TranscriptReadModel.h"
+#include "transcript/TranscriptSegmenter.h"
+
+namespace osv::cli {
+namespace {
+
+using json::Json;
+
+Expected<std::string> readInput(const std::string& path, std::istream& in) {
+    if (path == "-") return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return readWholeFile(path);
+}
+
+// Reads a JSON Lines event log, reporting each line that doesn't decode on `err`.
+// None (after saying why) when the file can't be read or no event decodes.
+std::optional<TranscriptEventLog> readLog(const std::string& path, std::istream& in, std::ostream& err) {
+    auto bytes = readInput(path, in);
+    if (!bytes) {
+        err << "ossevra-cli: " << bytes.error().message << "\n";
+        return std::nullopt;
+    }
+    JsonLinesReading reading = decodeJsonLines(*bytes);
+    for (const auto& [line, error] : reading.skipped)
+        err << path << ":" << line << ": skipped: " << error.message << "\n";
+    if (reading.log.empty()) {
+        err << "ossevra-cli: no event could be read from " << path << "\n";
+        return std::nullopt;
+    }
+    return std::move(reading.log);
+}
+
+Json optionalString(const std::optional<std::string>& s) { return s ? Json(*s) : Json(nullptr); }
+
+Json translationJson(const Translation& t) {
+    Json j = Json::object();
+    j["text"] = t.text;
+    j["origin"] = rawValue(t.origin);
+    j["at"] = t.at.seconds;
+    return j;
+}
+
+Json sentenceJson(const Sentence& s) {
+    Json j = Json::object();
+    j["id"] = s.id.raw.text();
+    j["channel"] = rawValue(s.channel);
+    j["startedAt"] = s.startedAt.seconds;
+    j["endedAt"] = s.endedAt.seconds;
+    j["text"] = s.text;
+    j["bestText"] = s.bestText();
+    j["readableText"] = s.readableText();
+    Json utterances = Json::array();
+    for (const auto& u : s.utteranceIDs) utterances.push_back(u.raw.text());
+    j["utteranceIDs"] = std::move(utterances);
+    j["isClosed"] = s.isClosed;
+    Json translations = Json::array();
+    for (const auto& t : s.translations) translations.push_back(translationJson(t));
+    j["translations"] = std::move(translations);
+    Json revisions = Json::array();
+    for (const auto& r : s.revisions) {
+        Json rj = Json::object();
+        rj["text"] = r.text;
+        rj["origin"] = rawValue(r.origin);
+        rj["at"] = r.at.seconds;
+        rj["sourceCharacterCount"] = r.sourceCharacterCount ? Json(*r.sourceCharacterCount) : Json(nullptr);
+        revisions.push_back(std::move(rj));
+    }
+    j["revisions"] = std::move(revisions);
+    j["translationFailure"] = optionalString(s.translationFailure);
+    j["furigana"] = optionalString(s.furigana);
+    return j;
+}
+
+Json snapshotJson(const TranscriptSnapshot& snapshot) {
+    Json sentences = Json::array();
+    for (const Sentence& s : snapshot.sentences()) sentences.push_back(sentenceJson(s));
+    Json utterances = Json::array();
+    for (const Utterance& u : snapshot.utterances()) {
+        Json j = Json::object();
+        j["id"] = u.id.raw.text();
+        j["channel"] = rawValue(u.channel);
+        j["startedAt"] = u.startedAt.seconds;
+        j["endedAt"] = u.endedAt.seconds;
+        j["text"] = u.text;
+        j["isClosed"] = u.isClosed;
+        utterances.push_back(std::move(j));
+    }
+    Json streams = Json::object();
+    for (const auto& [channel, text] : snapshot.unattributedTranslationStream())
+        streams[std::string(rawValue(channel))] = text.str();
+    Json unbound = Json::object();
+    for (const auto& [id, t] : snapshot.unboundTranslations()) unbound[id.raw.text()] = translationJson(t);
+    Json glossary = Json::array();
+    for (const GlossaryTerm& term : snapshot.glossary()) {
+        Json j = Json::object();
+        j["written"] = term.written;
+        j["heard"] = optionalString(term.heard);
+        j["translated"] = optionalString(term.translated);
+        glossary.push_back(std::move(j));
+    }
+    Json j = Json::object();
+    j["sentences"] = std::move(sentences);
+    j["utterances"] = std::move(utterances);
+    j["unattributedTranslationStream"] = std::move(streams);
+    j["unboundTranslations"] = std::move(unbound);
+    j["glossary"] = std::move(glossary);
+    return j;
+}
+
+std::string offset(Date t, Date origin) {
+    char buffer[32];
+    std::snprintf(buffer, sizeof buffer, "%+.2fs", t - origin);
+    return buffer;
+}
+
+// The snapshot as a person reads it: one line per sentence, its work indented below.
+void printSnapshotText(const TranscriptSnapshot& snapshot, std::ostream& out) {
+    const auto& sentences = snapshot.sentences();
+    Date origin = sentences.empty() ? Date(0) : sentences[0].startedAt;
+    out << "sentences: " << sentences.size() << "\n";
+    for (const Sentence& s : sentences) {
+        out << "  [" << rawValue(s.channel) << " " << offset(s.startedAt, origin) << " " << offset(s.endedAt, origin)
+            << "] " << (s.readableText().empty() ? "(empty)" : s.readableText()) << (s.isClosed ? "" : "  …open")
+            << "\n";
+        for (const Translation& t : s.translations) out << "      " << rawValue(t.origin) << ": " << t.text << "\n";
+        for (const SourceRevision& r : s.revisions) out << "      revision " << rawValue(r.origin) << ": " << r.text << "\n";
+        if (s.translationFailure) out << "      failed: " << *s.translationFailure << "\n";
+        if (s.furigana) out << "      furigana: " << *s.furigana << "\n";
+    }
+    for (const auto& [channel, text] : snapshot.unattributedTranslationStream())
+        out << "translation stream " << rawValue(channel) << ": " << text.view() << "\n";
+    for (const auto& [id, t] : snapshot.unboundTranslations())
+        out << "unbound translation " << id.raw.text() << ": " << t.text << "\n";
+    if (!snapshot.glossary().empty()) out << "glossary:\n" << snapshot.glossaryLines() << "\n";
+}
+
+int fold(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err) {
+    std::optional<std::string> path;
+    bool asText = false;
+    for (const auto& a : args) {
+        if (a == "--text") asText = true;
+        else if (!path && (a == "-" || a.rfind("--", 0) != 0)) path = a;
+        else {
+            err << "ossevra-cli transcript fold: unexpected argument \"" << a << "\"\n";
+            return kUsage;
+        }
+    }
+    if (!path) {
+        err << "usage: ossevra-cli transcript fold FILE.jsonl [--text]\n";
+        return kUsage;
+    }
+    auto log = readLog(*path, in, err);
+    if (!log) return kFailed;
+    TranscriptReadModel::Fold f;
+    f.advance(*log);
+    const TranscriptSnapshot snapshot = f.snapshot();
+    if (asText) printSnapshotText(snapshot, out);
+    else out << json::dumpPretty(snapshotJson(snapshot)) << "\n";
+    return kOk;
+}
+
+int compact(const std::vector<std::string>& args, std::istream& in, std::ostream& err) {
+    if (args.size() != 2) {
+        err << "usage: ossevra-cli transcript compact IN.jsonl OUT.jsonl\n";
+        return kUsage;
+    }
+    auto log = readLog(args[0], in, err);
+    if (!log) return kFailed;
+    const TranscriptEventLog compacted = log->compacted();
+    if (auto written = writeFileAtomically(args[1], encodeJsonLines(compacted)); !written) {
+        err << "ossevra-cli: " << written.error().message << "\n";
+        return kFailed;
+    }
+    err << "compacted " << log->size() << " events into " << compacted.size() << "\n";
+    return kOk;
+}
+
+// One line of a build script, checked before anything runs.
+struct ScriptCall {
+    enum class Op { ingest, closeUtterance, buildFromTranslation, finish } op;
+    std::string text;
+    TranscriptSegmenter::DeltaKind kind = TranscriptSegmenter::DeltaKind::source;
+    CaptureChannel channel = CaptureChannel::system;
+    BoundaryReason reason = BoundaryReason::idle;
+    bool flag = false;
+    Date at;
+    std::optional<Date> speechAnchor;
+};
+
+std::optional<ScriptCall> parseCall(const Json& j, std::string& problem) {
+    auto fail = [&](std::string why) {
+        problem = std::move(why);
+        return std::nullopt;
+    };
+    if (!j.is_object()) return fail("not a JSON object");
+    const auto op = json::readOptional<std::string>(j, "op");
+    if (!op) return fail("missing \"op\"");
+    ScriptCall call{};
+    auto channel = [&]() -> bool {
+        const auto raw = json::readOptional<std::string>(j, "channel");
+        auto c = raw ? captureChannelFromRaw(*raw) : std::nullopt;
+        if (!c) return false;
+        call.channel = *c;
+        return true;
+    };
+    auto reason = [&]() -> bool {
+        const auto raw = json::readOptional<std::string>(j, "reason");
+        auto r = raw ? boundaryReasonFromRaw(*raw) : std::nullopt;
+        if (!r) return false;
+        call.reason = *r;
+        return true;
+    };
+    const auto at = json::readOptional<Date>(j, "at");
+    if (!at) return fail("\"at\" must be a number");
+    call.at = *at;
+    if (*op == "ingest") {
+        call.op = ScriptCall::Op::ingest;
+        const auto text = json::readOptional<std::string>(j, "text");
+        if (!text) return fail("\"text\" must be a string");
+        call.text = *text;
+        const auto kind = json::read<std::string>(j, "kind", "");
+        if (kind == "source") call.kind = TranscriptSegmenter::DeltaKind::source;
+        else if (kind == "streamedTranslation") call.kind = TranscriptSegmenter::DeltaKind::streamedTranslation;
+        else return fail("\"kind\" must be \"source\" or \"streamedTranslation\"");
+        if (!channel()) return fail("\"channel\" must be \"system\" or \"microphone\"");
+        if (const Json* anchor = json::member(j, "speechAnchor"); anchor && !anchor->is_null()) {
+            call.speechAnchor = json::as<Date>(*anchor);
+            if (!call.speechAnchor) return fail("\"speechAnchor\" must be a number or null");
+        }
+    } else if (*op == "closeUtterance") {
+        call.op = ScriptCall::Op::closeUtterance;
+        if (!channel()) return fail("\"channel\" must be \"system\" or \"microphone\"");
+        if (!reason()) return fail("unknown or missing \"reason\"");
+    } else if (*op == "buildFromTranslation") {
+        call.op = ScriptCall::Op::buildFromTranslation;
+        const auto flag = json::readOptional<bool>(j, "flag");
+        if (!flag) return fail("\"flag\" must be true or false");
+        call.flag = *flag;
+        if (!channel()) return fail("\"channel\" must be \"system\" or \"microphone\"");
+    } else if (*op == "finish") {
+        call.op = ScriptCall::Op::finish;
+        if (!reason()) return fail("unknown or missing \"reason\"");
+    } else {
+        return fail("unknown op \"" + *op + "\"");
+    }
+    return call;
+}
+
+int build(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err) {
+    std::optional<std::string> path;
+    bool deterministic = false;
+    for (const auto& a : args) {
+        if (a == "--deterministic-ids") deterministic = true;
+        else if (!path && (a == "-" || a.rfind("--", 0) != 0)) path = a;
+        else {
+            err << "ossevra-cli transcript build: unexpected argument \"" << a << "\"\n";
+            return kUsage;
+        }
+    }
+    if (!path) {
+        err << "usage: ossevra-cli transcript build SCRIPT.jsonl [--deterministic-ids]\n";
+        return kUsage;
+    }
+    auto bytes = readInput(*path, in);
+    if (!bytes) {
+        err << "ossevra-cli: " << bytes.error().message << "\n";
+        return kFailed;
+    }
+
+    // A replay is exact or refused: every line is checked before the first call runs.
+    std::vector<ScriptCall> calls;
+    bool malformed = false;
+    std::istringstream lines(*bytes);
+    std::string line;
+    for (std::size_t number = 1; std::getline(lines, line); ++number) {
+        if (text::isBlank(line)) continue;
+        std::string problem;
+        const auto j = json::parse(line);
+        auto call = j ? parseCall(*j, problem) : std::nullopt;
+        if (!j) problem = "not JSON";
+        if (!call) {
+            err << *path << ":" << number << ": " << problem << "\n";
+            malformed = true;
+            continue;
+        }
+        calls.push_back(std::move(*call));
+    }
+    if (malformed) return kUsage;
+
+    std::optional<Uuid::DeterministicSequence> sequence;
+    if (deterministic) sequence.emplace();
+    TranscriptSegmenter segmenter;
+    TranscriptEventLog log;
+    for (const ScriptCall& call : calls) {
+        switch (call.op) {
+            case ScriptCall::Op::ingest: {
+                const auto directive =
+                    segmenter.ingest(call.text, call.kind, call.channel, call.at, call.speechAnchor, log);
+                Json d = nullptr;
+                if (directive) {
+                    d = Json::object();
+                    d["reason"] = rawValue(directive->reason);
+                    d["delay"] = directive->delay;
+                }
+                err << json::dumpLine(d) << "\n";
+                break;
+            }
+            case ScriptCall::Op::closeUtterance:
+                segmenter.closeUtterance(call.channel, call.reason, call.at, log);
+                break;
+            case ScriptCall::Op::buildFromTranslation:
+                segmenter.buildFromTranslation(call.flag, call.channel, call.at, log);
+                break;
+            case ScriptCall::Op::finish:
+                segmenter.finish(call.reason, call.at, log);
+                break;
+        }
+    }
+    out << encodeJsonLines(log);
+    return kOk;
+}
+
+}  // namespace
+
+int runTranscript(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err) {
+    const std::string sub = args.empty() ? "" : args[0];
+    const std::vector<std::string> rest(args.begin() + (args.empty() ? 0 : 1), args.end());
+    if (sub == "fold") return fold(rest, in, out, err);
+    if (sub == "compact") return compact(rest, in, err);
+    if (sub == "build") return build(rest, in, out, err);
+    err << "usage: ossevra-cli transcript fold|compact|build ...\n";
+    return kUsage;
+}
+
+}  // namespace osv::cli

@@ -1,0 +1,136 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sstream>
+
+#include "cli/Cli.h"
+#include "core/AtomicFile.h"
+#include "core/Json.h"
+#include "core/Uuid.h"
+#include "transcript/TranscriptEventJson.h"
+
+namespace osv::cli {
+namespace {
+
+namespace fs = std::filesystem;
+using json::Json;
+
+struct Result {
+    int status;
+    std::string out, err;
+};
+
+Result runCli(std::vector<std::string> args, const std::string& input = "") {
+    std::istringstream in(input);
+    std::ostringstream out, err;
+    const int status = run(args, in, out, err);
+    return {status, out.str(), err.str()};
+}
+
+std::string example(const std::string& name) { return (fs::path(OSV_SOURCE_DIR) / "examples" / name).string(); }
+
+// Builds a script's log and folds it, as `build SCRIPT | fold -` does.
+Json buildAndFold(const std::string& script) {
+    const Result built = runCli({"transcript", "build", "--deterministic-ids", example(script)});
+    EXPECT_EQ(built.status, kOk) << built.err;
+    const Result folded = runCli({"transcript", "fold", "-"}, built.out);
+    EXPECT_EQ(folded.status, kOk) << folded.err;
+    return *json::parse(folded.out);
+}
+
+std::vector<std::string> sentenceTexts(const Json& snapshot) {
+    std::vector<std::string> out;
+    for (const Json& s : snapshot["sentences"])
+        out.push_back(s["text"].get<std::string>() + (s["isClosed"].get<bool>() ? "" : "…"));
+    return out;
+}
+
+using Strings = std::vector<std::string>;
+
+TEST(Cli, BuildThenFoldShowsTheSegmenterRulesAsAUserSeesThem) {
+    EXPECT_EQ(sentenceTexts(buildAndFold("segmenter/ender-then-text.jsonl")), (Strings{"你好。", "吃了吗…"}));
+    EXPECT_EQ(sentenceTexts(buildAndFold("segmenter/leading-enders.jsonl")), (Strings{"你好。！", "吃了吗…"}));
+    EXPECT_EQ(sentenceTexts(buildAndFold("segmenter/two-sentences-one-delta.jsonl")), (Strings{"はい。", "そうです。…"}));
+    EXPECT_EQ(sentenceTexts(buildAndFold("segmenter/language-switch-space.jsonl")),
+              (Strings{"今天天气", "おはようございます…", "はい そうです…"}));
+    EXPECT_EQ(sentenceTexts(buildAndFold("segmenter/lone-ender.jsonl")), (Strings{"。你好…"}));
+    EXPECT_EQ(sentenceTexts(buildAndFold("segmenter/sentence-outlives-utterance.jsonl")),
+              (Strings{"好的我们开始吧。"}));
+    const Json lost = buildAndFold("segmenter/source-lost-and-restored.jsonl");
+    EXPECT_EQ(sentenceTexts(lost), (Strings{"先说一句", "", "", "源语言回来了。"}));
+    EXPECT_EQ(lost["sentences"][1]["readableText"], "Now the translation!");
+    EXPECT_EQ(lost["unattributedTranslationStream"]["system"], "FirstNow the translation! It builds");
+
+    const Json capped = buildAndFold("segmenter/length-cap.jsonl");
+    ASSERT_EQ(capped["sentences"].size(), 2u);
+    const Json anchors = buildAndFold("segmenter/anchors.jsonl");
+    EXPECT_EQ(anchors["sentences"][0]["startedAt"], 8.5);
+    EXPECT_EQ(anchors["sentences"][0]["endedAt"], 15.0);
+}
+
+TEST(Cli, FoldPrintsEveryFieldWithIdsAsTextAndAbsentValuesAsNull) {
+    const Json s = buildAndFold("conversation.jsonl");
+    const Json& first = s["sentences"][0];
+    std::vector<std::string> keys;
+    for (auto it = first.begin(); it != first.end(); ++it) keys.push_back(it.key());
+    EXPECT_EQ(keys, (Strings{"id", "channel", "startedAt", "endedAt", "text", "bestText", "readableText",
+                             "utteranceIDs", "isClosed", "translations", "revisions", "translationFailure",
+                             "furigana"}));
+    EXPECT_EQ(first["id"], "00000000-0000-4000-8000-000000000001");
+    EXPECT_TRUE(first["translationFailure"].is_null());
+    EXPECT_EQ(first["startedAt"], 0.2);
+    EXPECT_EQ(s["sentences"][2]["text"], "好的，请您先介绍一下价格。");  // folded to simplified
+    std::vector<std::string> top;
+    for (auto it = s.begin(); it != s.end(); ++it) top.push_back(it.key());
+    EXPECT_EQ(top, (Strings{"sentences", "utterances", "unattributedTranslationStream", "unboundTranslations",
+                            "glossary"}));
+}
+
+TEST(Cli, BuildRefusesAMalformedScriptWholeAndSaysWhere) {
+    const std::string script =
+        R"({"op":"ingest","kind":"source","channel":"system","text":"好","at":1})" "\n"
+        R"({"op":"ingest","kind":"source","channel":"radio","text":"好","at":2})" "\n"
+        R"({"op":"jump","at":3})" "\n"
+        R"({"op":"finish","reason":"sessionEnd"})" "\n";
+    const Result r = runCli({"transcript", "build", "-"}, script);
+    EXPECT_EQ(r.status, kUsage);
+    EXPECT_TRUE(r.out.empty());
+    EXPECT_NE(r.err.find("-:2: \"channel\""), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("-:3: unknown op \"jump\""), std::string::npos);
+    EXPECT_NE(r.err.find("-:4: \"at\" must be a number"), std::string::npos);
+}
+
+TEST(Cli, FoldSkipsBadLinesAndFailsOnlyWhenNothingDecodes) {
+    const Result built = runCli({"transcript", "build", example("segmenter/ender-then-text.jsonl")});
+    const Result partly = runCli({"transcript", "fold", "-"}, "not json\n" + built.out + "{\"id\":");
+    EXPECT_EQ(partly.status, kOk);
+    EXPECT_NE(partly.err.find("-:1: skipped"), std::string::npos);
+    EXPECT_NE(partly.err.find("-:6: skipped"), std::string::npos);
+    EXPECT_EQ(sentenceTexts(*json::parse(partly.out)).size(), 2u);
+
+    const Result nothing = runCli({"transcript", "fold", "-"}, "garbage\n");
+    EXPECT_EQ(nothing.status, kFailed);
+    EXPECT_NE(nothing.err.find("no event could be read"), std::string::npos);
+    EXPECT_EQ(runCli({"transcript", "fold", "/nonexistent/log.jsonl"}).status, kFailed);
+    EXPECT_EQ(runCli({"transcript", "fold"}).status, kUsage);
+    EXPECT_EQ(runCli({"transcript", "shuffle"}).status, kUsage);
+    EXPECT_EQ(runCli({"nonsense"}).status, kUsage);
+    EXPECT_EQ(runCli({"help"}).status, kOk);
+}
+
+TEST(Cli, CompactWritesTheCompactedLog) {
+    const fs::path dir = fs::temp_directory_path() / ("osv-cli-" + Uuid::random().text());
+    const Result built = runCli({"transcript", "build", example("conversation.jsonl")});
+    ASSERT_TRUE(writeFileAtomically(dir / "in.jsonl", built.out));
+    const Result r = runCli({"transcript", "compact", (dir / "in.jsonl").string(), (dir / "out.jsonl").string()});
+    EXPECT_EQ(r.status, kOk) << r.err;
+    const auto full = decodeJsonLines(built.out).log;
+    const auto compact = decodeJsonLines(readWholeFile(dir / "out.jsonl").value()).log;
+    EXPECT_EQ(compact, full.compacted());
+    EXPECT_LT(compact.size(), full.size());
+    EXPECT_EQ(runCli({"transcript", "compact", (dir / "in.jsonl").string()}).status, kUsage);
+    fs::remove_all(dir);
+}
+
+}  // namespace
+}  // namespace osv::cli
