@@ -37,7 +37,10 @@ Expected<void> writeFileAtomically(const std::filesystem::path& path, std::strin
     std::filesystem::create_directories(parent, ec);
     if (ec) return writeError(path, ec.message());
 
-    std::string tmpl = (parent / ("." + path.filename().string() + ".tmp-XXXXXX")).string();
+    std::string name = ".";
+    name += path.filename().string();
+    name += ".tmp-XXXXXX";
+    std::string tmpl = (parent / name).string();
     const int fd = ::mkstemp(tmpl.data());
     if (fd < 0) return writeError(path, std::strerror(errno));
     // mkstemp creates 0600; set the mode before any byte is written.

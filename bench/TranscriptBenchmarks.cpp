@@ -1,0 +1,206 @@
+// Costs of the transcript spine over sessions of hours:
+//  - LiveSessionPerDelta: a three-hour two-channel conversation, each delta through
+//    ingest, advance and snapshot as the live session does it. Reports the median and
+//    99th percentile cost per delta in the first and in the last ten minutes.
+//  - Compaction of a log of 1,000,000 events.
+//  - Decoding a journal of 200,000 lines.
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "transcript/TranscriptEventJson.h"
+#include "transcript/TranscriptReadModel.h"
+#include "transcript/TranscriptSegmenter.h"
+
+namespace osv {
+namespace {
+
+const std::vector<std::string> kJapanese = {"は", "い", "そ", "う", "で", "す", "ね", "見", "積", "も", "り", "に",
+                                            "つ", "て", "説", "明", "し", "ま", "本", "日", "会", "議", "の", "件"};
+const std::vector<std::string> kChinese = {"我", "们", "今", "天", "讨", "论", "一", "下", "价", "格", "的", "问",
+                                           "题", "请", "先", "介", "绍", "这", "个", "方", "案", "好", "吧", "对"};
+
+// One speaker: speaks in turns, a few characters a second, in deltas of 1 to 6 characters,
+// with a sentence end every 10 to 30 characters.
+struct Speaker {
+    CaptureChannel channel;
+    const std::vector<std::string>* alphabet;
+    double nextDeltaAt = 0;
+    double turnEndsAt = 0;
+    double quietUntil = 0;
+    int charactersToSentenceEnd = 0;
+    std::optional<TranscriptSegmenter::Directive> directive;
+    double directiveArmedAt = 0;
+};
+
+struct Timing {
+    double at;
+    double micros;
+};
+
+double percentile(std::vector<double> v, double p) {
+    if (v.empty()) return 0;
+    std::sort(v.begin(), v.end());
+    return v[std::min(v.size() - 1, std::size_t(p * double(v.size())))];
+}
+
+void LiveSessionPerDelta(benchmark::State& state) {
+    constexpr double kSessionSeconds = 3 * 3600.0;
+    constexpr double kWindow = 600.0;
+    std::vector<Timing> timings;
+    std::size_t events = 0, sentences = 0;
+    for (auto _ : state) {
+        std::mt19937 rng(42);
+        auto uniform = [&](double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); };
+        auto between = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+
+        TranscriptSegmenter segmenter;
+        TranscriptEventLog log;
+        TranscriptReadModel::Fold fold;
+        std::vector<std::pair<double, TranscriptEvent>> translationsDue;
+        std::size_t sentencesSeen = 0;
+        Speaker speakers[2] = {{CaptureChannel::system, &kJapanese}, {CaptureChannel::microphone, &kChinese}};
+        speakers[1].quietUntil = 20;
+        timings.clear();
+        timings.reserve(60000);
+
+        auto fireTimers = [&](Speaker& s, double until) {
+            // The controller's timed boundary: fires when no delta came within its delay.
+            if (s.directive && s.directiveArmedAt + s.directive->delay <= until) {
+                segmenter.closeUtterance(s.channel, s.directive->reason, Date(s.directiveArmedAt + s.directive->delay), log);
+                s.directive.reset();
+            }
+        };
+
+        for (;;) {
+            Speaker& s = speakers[0].nextDeltaAt <= speakers[1].nextDeltaAt ? speakers[0] : speakers[1];
+            double now = std::max(s.nextDeltaAt, s.quietUntil);
+            if (now > kSessionSeconds) break;
+            fireTimers(speakers[0], now);
+            fireTimers(speakers[1], now);
+            // Translations of closed sentences arrive a second or two later.
+            while (!translationsDue.empty() && translationsDue.front().first <= now) {
+                log.append(std::move(translationsDue.front().second));
+                translationsDue.erase(translationsDue.begin());
+            }
+            if (now >= s.turnEndsAt) {
+                s.turnEndsAt = now + uniform(4, 25);
+                s.charactersToSentenceEnd = between(10, 30);
+            }
+            std::string text;
+            const int n = between(1, 6);
+            for (int i = 0; i < n; ++i) {
+                text += (*s.alphabet)[std::size_t(between(0, int(s.alphabet->size()) - 1))];
+                if (--s.charactersToSentenceEnd == 0) {
+                    text += s.channel == CaptureChannel::system ? "。" : "？";
+                    s.charactersToSentenceEnd = between(10, 30);
+                }
+            }
+
+            const auto start = std::chrono::steady_clock::now();
+            s.directive = segmenter.ingest(text, TranscriptSegmenter::DeltaKind::source, s.channel, Date(now),
+                                           Date(now - 0.3), log);
+            fold.advance(log);
+            const TranscriptSnapshot snapshot = fold.snapshot();
+            benchmark::DoNotOptimize(snapshot.sentences().size());
+            const auto end = std::chrono::steady_clock::now();
+            timings.push_back({now, std::chrono::duration<double, std::micro>(end - start).count()});
+            s.directiveArmedAt = now;
+
+            if (s.channel == CaptureChannel::system && between(0, 1) == 0) {
+                // The streamed translation runs beside the source.
+                segmenter.ingest("訳文", TranscriptSegmenter::DeltaKind::streamedTranslation, s.channel, Date(now + 0.1),
+                                 std::nullopt, log);
+            }
+            if (fold.closedSentenceCount() > sentencesSeen) {
+                for (; sentencesSeen < fold.closedSentenceCount(); ++sentencesSeen) {
+                    // The sentence's id: take it from the newest closing event.
+                    for (auto it = log.events.rbegin(); it != log.events.rend(); ++it) {
+                        if (auto* c = std::get_if<TranscriptEvent::SentenceClosed>(&it->payload)) {
+                            translationsDue.push_back(
+                                {now + uniform(0.8, 2.5),
+                                 TranscriptEvent{Uuid::random(), Date(now + 2), std::nullopt, s.channel,
+                                                 TranscriptEvent::SentenceTranslated{c->id, "译文", TranslationOrigin::refined}}});
+                            break;
+                        }
+                    }
+                }
+            }
+            s.nextDeltaAt = now + uniform(0.4, 1.4);
+            if (s.nextDeltaAt > s.turnEndsAt) s.quietUntil = s.turnEndsAt + uniform(2, 15);
+        }
+        events = log.size();
+        sentences = fold.closedSentenceCount();
+    }
+
+    std::vector<double> first, last;
+    for (const Timing& t : timings) {
+        if (t.at < kWindow) first.push_back(t.micros);
+        if (t.at >= kSessionSeconds - kWindow) last.push_back(t.micros);
+    }
+    state.counters["deltas"] = double(timings.size());
+    state.counters["events"] = double(events);
+    state.counters["sentences"] = double(sentences);
+    state.counters["first10_p50_us"] = percentile(first, 0.5);
+    state.counters["first10_p99_us"] = percentile(first, 0.99);
+    state.counters["last10_p50_us"] = percentile(last, 0.5);
+    state.counters["last10_p99_us"] = percentile(last, 0.99);
+}
+BENCHMARK(LiveSessionPerDelta)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// A log shaped like a long session: runs of deltas on two channels and two streams,
+// broken by boundaries and results.
+TranscriptEventLog syntheticLog(std::size_t count) {
+    std::mt19937 rng(7);
+    TranscriptEventLog log;
+    log.events.reserve(count);
+    double at = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        at += 0.2;
+        const auto channel = rng() % 3 == 0 ? CaptureChannel::microphone : CaptureChannel::system;
+        TranscriptEvent::Payload payload;
+        const unsigned kind = rng() % 10;
+        if (kind < 6) payload = TranscriptEvent::SourceDelta{"你好"};
+        else if (kind < 8) payload = TranscriptEvent::StreamedTranslationDelta{"はい"};
+        else if (kind < 9) payload = TranscriptEvent::SentenceClosed{SentenceID{Uuid::random()}, BoundaryReason::punctuation};
+        else payload = TranscriptEvent::UtteranceClosed{BoundaryReason::idle};
+        log.append(TranscriptEvent{Uuid::random(), Date(at), Date(at + 0.1), channel, std::move(payload)});
+    }
+    return log;
+}
+
+void CompactMillionEvents(benchmark::State& state) {
+    const TranscriptEventLog log = syntheticLog(1'000'000);
+    std::size_t kept = 0;
+    for (auto _ : state) {
+        const TranscriptEventLog c = log.compacted();
+        kept = c.size();
+        benchmark::DoNotOptimize(kept);
+    }
+    state.counters["events_in"] = double(log.size());
+    state.counters["events_out"] = double(kept);
+}
+BENCHMARK(CompactMillionEvents)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+void DecodeJournal200kLines(benchmark::State& state) {
+    const std::string bytes = encodeJsonLines(syntheticLog(200'000));
+    std::size_t decoded = 0;
+    for (auto _ : state) {
+        const JsonLinesReading r = decodeJsonLines(bytes);
+        decoded = r.log.size();
+        benchmark::DoNotOptimize(decoded);
+    }
+    state.SetItemsProcessed(std::int64_t(state.iterations()) * std::int64_t(decoded));
+    state.counters["megabytes"] = double(bytes.size()) / 1e6;
+}
+BENCHMARK(DecodeJournal200kLines)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+}  // namespace
+}  // namespace osv
+
+BENCHMARK_MAIN();
