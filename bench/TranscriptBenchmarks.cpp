@@ -28,8 +28,8 @@ const std::vector<std::string> kChinese = {"我", "们", "今", "天", "讨", "�
 // One speaker: speaks in turns, a few characters a second, in deltas of 1 to 6 characters,
 // with a sentence end every 10 to 30 characters.
 struct Speaker {
-    CaptureChannel channel;
-    const std::vector<std::string>* alphabet;
+    CaptureChannel channel = CaptureChannel::system;
+    const std::vector<std::string>* alphabet = nullptr;
     double nextDeltaAt = 0;
     double turnEndsAt = 0;
     double quietUntil = 0;
@@ -64,7 +64,11 @@ void LiveSessionPerDelta(benchmark::State& state) {
         TranscriptReadModel::Fold fold;
         std::vector<std::pair<double, TranscriptEvent>> translationsDue;
         std::size_t sentencesSeen = 0;
-        Speaker speakers[2] = {{CaptureChannel::system, &kJapanese}, {CaptureChannel::microphone, &kChinese}};
+        Speaker speakers[2];
+        speakers[0].channel = CaptureChannel::system;
+        speakers[0].alphabet = &kJapanese;
+        speakers[1].channel = CaptureChannel::microphone;
+        speakers[1].alphabet = &kChinese;
         speakers[1].quietUntil = 20;
         timings.clear();
         timings.reserve(60000);

@@ -146,21 +146,29 @@ void printSnapshotText(const TranscriptSnapshot& snapshot, std::ostream& out) {
     if (!snapshot.glossary().empty()) out << "glossary:\n" << snapshot.glossaryLines() << "\n";
 }
 
+// One file argument ("-" for standard input) and one optional flag, in any order.
+// False, after printing `usage`, for anything else.
+bool parseFileAndFlag(const std::vector<std::string>& args, std::string_view flag, const char* usage,
+                      std::ostream& err, std::optional<std::string>& path, bool& flagGiven) {
+    for (const auto& a : args) {
+        if (a == flag) {
+            flagGiven = true;
+        } else if (!path && (a == "-" || a.rfind("--", 0) != 0)) {
+            path = a;
+        } else {
+            err << "unexpected argument \"" << a << "\"\n" << usage;
+            return false;
+        }
+    }
+    if (!path) err << usage;
+    return path.has_value();
+}
+
 int fold(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err) {
     std::optional<std::string> path;
     bool asText = false;
-    for (const auto& a : args) {
-        if (a == "--text") asText = true;
-        else if (!path && (a == "-" || a.rfind("--", 0) != 0)) path = a;
-        else {
-            err << "ossevra-cli transcript fold: unexpected argument \"" << a << "\"\n";
-            return kUsage;
-        }
-    }
-    if (!path) {
-        err << "usage: ossevra-cli transcript fold FILE.jsonl [--text]\n";
+    if (!parseFileAndFlag(args, "--text", "usage: ossevra-cli transcript fold FILE.jsonl [--text]\n", err, path, asText))
         return kUsage;
-    }
     auto log = readLog(*path, in, err);
     if (!log) return kFailed;
     TranscriptReadModel::Fold f;
@@ -261,18 +269,10 @@ std::optional<ScriptCall> parseCall(const Json& j, std::string& problem) {
 int build(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err) {
     std::optional<std::string> path;
     bool deterministic = false;
-    for (const auto& a : args) {
-        if (a == "--deterministic-ids") deterministic = true;
-        else if (!path && (a == "-" || a.rfind("--", 0) != 0)) path = a;
-        else {
-            err << "ossevra-cli transcript build: unexpected argument \"" << a << "\"\n";
-            return kUsage;
-        }
-    }
-    if (!path) {
-        err << "usage: ossevra-cli transcript build SCRIPT.jsonl [--deterministic-ids]\n";
+    if (!parseFileAndFlag(args, "--deterministic-ids",
+                          "usage: ossevra-cli transcript build SCRIPT.jsonl [--deterministic-ids]\n", err, path,
+                          deterministic))
         return kUsage;
-    }
     auto bytes = readInput(*path, in);
     if (!bytes) {
         err << "ossevra-cli: " << bytes.error().message << "\n";

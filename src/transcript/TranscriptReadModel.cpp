@@ -53,30 +53,46 @@ void ChannelState::appendStreamed(std::string_view text, const Uuid& eventID, Da
         translationSpannedUtteranceIDs.push_back(current);
 }
 
-std::optional<Sentence> ChannelState::closeSentence(const SentenceID& id, CaptureChannel channel, Date at) {
-    std::optional<Sentence> result;
-    if (sentence.startedAt && !text::isBlank(sentence.text)) {
-        Sentence s;
-        s.id = id;
-        s.channel = channel;
-        s.startedAt = *sentence.startedAt;
-        s.endedAt = sentence.lastAt.value_or(at);
-        s.text = displayForm(sentence.text);
+// The sentence under way, source before translation; the translation counts only while
+// the channel builds from it. `id` none: the run's own anchor. An open sentence ends at its
+// last delta; a closing one without a delta time at `closingAt`.
+std::optional<Sentence> ChannelState::sentenceUnderWay(CaptureChannel channel, std::optional<SentenceID> id,
+                                                       std::optional<Date> closingAt) const {
+    const bool fromSource = sentence.startedAt && !text::isBlank(sentence.text);
+    const bool fromTranslation =
+        !fromSource && buildsFromTranslation && translationSentence.startedAt && !text::isBlank(translationSentence.text);
+    if (!fromSource && !fromTranslation) return std::nullopt;
+    const Run& run = fromSource ? sentence : translationSentence;
+    Sentence s;
+    s.id = id.value_or(SentenceID{*run.anchor});
+    s.channel = channel;
+    s.startedAt = *run.startedAt;
+    s.endedAt = run.lastAt.value_or(closingAt.value_or(s.startedAt));
+    s.isClosed = closingAt.has_value();
+    if (fromSource) {
+        s.text = displayForm(run.text);
         s.utteranceIDs = spannedUtteranceIDs;
-        s.isClosed = true;
-        result = std::move(s);
-    } else if (buildsFromTranslation && translationSentence.startedAt && !text::isBlank(translationSentence.text)) {
-        Sentence s;
-        s.id = id;
-        s.channel = channel;
-        s.startedAt = *translationSentence.startedAt;
-        s.endedAt = translationSentence.lastAt.value_or(at);
+    } else {
+        // Built from the translation stream: no source, the translation stands in.
         s.utteranceIDs = translationSpannedUtteranceIDs;
-        s.isClosed = true;
-        s.translations.push_back(
-            Translation{displayForm(translationSentence.text), TranslationOrigin::streamed, s.endedAt});
-        result = std::move(s);
+        s.translations.push_back(Translation{displayForm(run.text), TranslationOrigin::streamed, s.endedAt});
     }
+    return s;
+}
+
+std::optional<Utterance> ChannelState::utteranceUnderWay(CaptureChannel channel, std::optional<Date> closingAt) const {
+    const Run* from = nullptr;
+    if (utterance.startedAt && !text::isBlank(utterance.text)) from = &utterance;
+    else if (buildsFromTranslation && translationUtterance.startedAt && !text::isBlank(translationUtterance.text))
+        from = &translationUtterance;
+    if (!from) return std::nullopt;
+    return Utterance{UtteranceID{*from->anchor}, channel, *from->startedAt,
+                     from->lastAt.value_or(closingAt.value_or(*from->startedAt)), displayForm(from->text),
+                     closingAt.has_value()};
+}
+
+std::optional<Sentence> ChannelState::closeSentence(const SentenceID& id, CaptureChannel channel, Date at) {
+    auto result = sentenceUnderWay(channel, id, at);
     // A streamed translation in source-building mode is dropped from the sentence run
     // here; it lives on only in the channel's stream, for the live tail.
     sentence = Run{};
@@ -87,53 +103,18 @@ std::optional<Sentence> ChannelState::closeSentence(const SentenceID& id, Captur
 }
 
 std::optional<Utterance> ChannelState::closeUtterance(CaptureChannel channel, Date at) {
-    std::optional<Utterance> result;
-    const Run* from = nullptr;
-    if (utterance.startedAt && !text::isBlank(utterance.text)) from = &utterance;
-    else if (buildsFromTranslation && translationUtterance.startedAt && !text::isBlank(translationUtterance.text))
-        from = &translationUtterance;
-    if (from) {
-        result = Utterance{UtteranceID{*from->anchor}, channel, *from->startedAt, from->lastAt.value_or(at),
-                           displayForm(from->text), true};
-    }
+    auto result = utteranceUnderWay(channel, at);
     utterance = Run{};
     translationUtterance = Run{};
     return result;
 }
 
 std::optional<Utterance> ChannelState::openUtterance(CaptureChannel channel) const {
-    const Run* from = nullptr;
-    if (utterance.startedAt && !text::isBlank(utterance.text)) from = &utterance;
-    else if (buildsFromTranslation && translationUtterance.startedAt && !text::isBlank(translationUtterance.text))
-        from = &translationUtterance;
-    if (!from) return std::nullopt;
-    return Utterance{UtteranceID{*from->anchor}, channel, *from->startedAt, from->lastAt.value_or(*from->startedAt),
-                     displayForm(from->text), false};
+    return utteranceUnderWay(channel, std::nullopt);
 }
 
 std::optional<Sentence> ChannelState::openSentence(CaptureChannel channel) const {
-    if (sentence.startedAt && !text::isBlank(sentence.text)) {
-        Sentence s;
-        s.id = SentenceID{*sentence.anchor};
-        s.channel = channel;
-        s.startedAt = *sentence.startedAt;
-        s.endedAt = sentence.lastAt.value_or(s.startedAt);
-        s.text = displayForm(sentence.text);
-        s.utteranceIDs = spannedUtteranceIDs;
-        return s;
-    }
-    if (buildsFromTranslation && translationSentence.startedAt && !text::isBlank(translationSentence.text)) {
-        Sentence s;
-        s.id = SentenceID{*translationSentence.anchor};
-        s.channel = channel;
-        s.startedAt = *translationSentence.startedAt;
-        s.endedAt = translationSentence.lastAt.value_or(s.startedAt);
-        s.utteranceIDs = translationSpannedUtteranceIDs;
-        s.translations.push_back(
-            Translation{displayForm(translationSentence.text), TranslationOrigin::streamed, s.endedAt});
-        return s;
-    }
-    return std::nullopt;
+    return sentenceUnderWay(channel, std::nullopt, std::nullopt);
 }
 
 void Fold::advance(const TranscriptEventLog& log) {

@@ -51,6 +51,11 @@ struct ChannelState {
     std::optional<Utterance> closeUtterance(CaptureChannel channel, Date at);
     std::optional<Utterance> openUtterance(CaptureChannel channel) const;
     std::optional<Sentence> openSentence(CaptureChannel channel) const;
+
+private:
+    std::optional<Sentence> sentenceUnderWay(CaptureChannel channel, std::optional<SentenceID> id,
+                                             std::optional<Date> closingAt) const;
+    std::optional<Utterance> utteranceUnderWay(CaptureChannel channel, std::optional<Date> closingAt) const;
 };
 
 // Trimmed, and folded to simplified characters when it looks Chinese.
