@@ -281,4 +281,45 @@ std::optional<std::string> traditionalToSimplified(std::string_view text) {
     return out;
 }
 
+struct IncrementalSimplifier::State {
+    icu::UnicodeString text;
+    UTransPosition position{0, 0, 0, 0};
+};
+
+IncrementalSimplifier::IncrementalSimplifier() = default;
+IncrementalSimplifier::~IncrementalSimplifier() = default;
+IncrementalSimplifier::IncrementalSimplifier(const IncrementalSimplifier& other)
+    : state_(other.state_ ? std::make_unique<State>(*other.state_) : nullptr) {}
+IncrementalSimplifier& IncrementalSimplifier::operator=(const IncrementalSimplifier& other) {
+    if (this != &other) state_ = other.state_ ? std::make_unique<State>(*other.state_) : nullptr;
+    return *this;
+}
+IncrementalSimplifier::IncrementalSimplifier(IncrementalSimplifier&&) noexcept = default;
+IncrementalSimplifier& IncrementalSimplifier::operator=(IncrementalSimplifier&&) noexcept = default;
+
+void IncrementalSimplifier::append(std::string_view more) {
+    if (!state_) state_ = std::make_unique<State>();
+    const icu::UnicodeString insertion =
+        icu::UnicodeString::fromUTF8(icu::StringPiece(more.data(), static_cast<int32_t>(more.size())));
+    HantHans& h = hantHans();
+    if (!h.transform) {
+        state_->text.append(insertion);
+        return;
+    }
+    UErrorCode status = U_ZERO_ERROR;
+    h.transform->transliterate(state_->text, state_->position, insertion, status);
+}
+
+std::optional<std::string> IncrementalSimplifier::result() const {
+    HantHans& h = hantHans();
+    if (!h.transform || !state_) return std::nullopt;
+    icu::UnicodeString finished = state_->text;
+    UTransPosition position = state_->position;
+    h.transform->finishTransliteration(finished, position);
+    std::string out;
+    finished.toUTF8String(out);
+    if (out.empty()) return std::nullopt;
+    return out;
+}
+
 }  // namespace osv::text

@@ -4,6 +4,7 @@
 // reader sees as one character); the scalar tests walk Unicode code points.
 
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -76,5 +77,26 @@ bool isBlank(std::string_view text);  // empty or white space only
 // Traditional to Simplified Chinese through ICU's "Hant-Hans" transform. None when the
 // transform is unavailable or yields nothing.
 std::optional<std::string> traditionalToSimplified(std::string_view text);
+
+// The same transform over a text that grows by appending, in ICU's incremental mode: each
+// append converts only what its context has settled, so the cost follows the appended
+// text, not the whole. result() equals traditionalToSimplified of everything appended.
+class IncrementalSimplifier {
+public:
+    IncrementalSimplifier();
+    ~IncrementalSimplifier();
+    IncrementalSimplifier(const IncrementalSimplifier& other);
+    IncrementalSimplifier& operator=(const IncrementalSimplifier& other);
+    IncrementalSimplifier(IncrementalSimplifier&&) noexcept;
+    IncrementalSimplifier& operator=(IncrementalSimplifier&&) noexcept;
+
+    void append(std::string_view more);
+    // None when the transform is unavailable or yields nothing.
+    std::optional<std::string> result() const;
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
 
 }  // namespace osv::text

@@ -23,6 +23,8 @@ public:
     void append(std::string_view more);
     void reset() { *this = ChineseLook(); }
     bool looksChinese() const { return !disqualified_ && sawHan_; }
+    // Kana or Hangul has been seen: the text can never look Chinese again.
+    bool disqualified() const { return disqualified_; }
 
 private:
     bool disqualified_ = false;

@@ -29,6 +29,20 @@ std::string displayForm(std::string_view text) {
     return simplifiedIfChinese(t, t);
 }
 
+const std::string& Run::displayText() const {
+    if (displayedSize_ != text.size()) {
+        // White space is neither context nor target of the transform, so trimming its
+        // result equals transforming the trimmed text.
+        const std::string_view trimmedText = text::trimmed(text);
+        std::optional<std::string> folded;
+        if (look_.looksChinese()) folded = simplified_.result();
+        displayed_ = folded ? std::string(text::trimmed(*folded)) : std::string(trimmedText);
+        if (displayed_.empty()) displayed_ = trimmedText;
+        displayedSize_ = text.size();
+    }
+    return displayed_;
+}
+
 void Run::append(std::string_view more, const Uuid& eventID, Date at) {
     if (isEmpty()) {
         anchor = eventID;
@@ -36,6 +50,9 @@ void Run::append(std::string_view more, const Uuid& eventID, Date at) {
     }
     text += more;
     lastAt = at;
+    look_.append(more);
+    // Kana or Hangul anywhere means the text is never folded: stop feeding the transform.
+    if (!look_.disqualified()) simplified_.append(more);
 }
 
 void ChannelState::appendSource(std::string_view text, const Uuid& eventID, Date at) {
@@ -70,12 +87,12 @@ std::optional<Sentence> ChannelState::sentenceUnderWay(CaptureChannel channel, s
     s.endedAt = run.lastAt.value_or(closingAt.value_or(s.startedAt));
     s.isClosed = closingAt.has_value();
     if (fromSource) {
-        s.text = displayForm(run.text);
+        s.text = run.displayText();
         s.utteranceIDs = spannedUtteranceIDs;
     } else {
         // Built from the translation stream: no source, the translation stands in.
         s.utteranceIDs = translationSpannedUtteranceIDs;
-        s.translations.push_back(Translation{displayForm(run.text), TranslationOrigin::streamed, s.endedAt});
+        s.translations.push_back(Translation{run.displayText(), TranslationOrigin::streamed, s.endedAt});
     }
     return s;
 }
@@ -87,7 +104,7 @@ std::optional<Utterance> ChannelState::utteranceUnderWay(CaptureChannel channel,
         from = &translationUtterance;
     if (!from) return std::nullopt;
     return Utterance{UtteranceID{*from->anchor}, channel, *from->startedAt,
-                     from->lastAt.value_or(closingAt.value_or(*from->startedAt)), displayForm(from->text),
+                     from->lastAt.value_or(closingAt.value_or(*from->startedAt)), from->displayText(),
                      closingAt.has_value()};
 }
 

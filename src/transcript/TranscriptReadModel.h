@@ -17,12 +17,15 @@
 #include <vector>
 
 #include "core/SharedText.h"
+#include "core/Text.h"
+#include "transcript/CaptionGrouping.h"
 #include "transcript/TranscriptEvent.h"
 #include "transcript/TranscriptSnapshot.h"
 
 namespace osv::TranscriptReadModel {
 
-// A span of text being accumulated. Empty while it has no text.
+// A span of text being accumulated. Empty while it has no text. The text only grows by
+// append() until the run is replaced by a new one.
 struct Run {
     std::optional<Uuid> anchor;  // id of the first delta event
     std::optional<Date> startedAt;
@@ -31,6 +34,16 @@ struct Run {
 
     bool isEmpty() const { return text.empty(); }
     void append(std::string_view more, const Uuid& eventID, Date at);
+    // displayForm(text). A snapshot is taken per delta, so the simplified-Chinese
+    // transform runs incrementally as text arrives and the result is remembered until
+    // the text grows; the cost of a delta then doesn't grow with the span.
+    const std::string& displayText() const;
+
+private:
+    CaptionGrouping::ChineseLook look_;
+    text::IncrementalSimplifier simplified_;  // fed while the text may still look Chinese
+    mutable std::optional<std::size_t> displayedSize_;
+    mutable std::string displayed_;
 };
 
 // Open spans of one channel: the source stream's and the translation stream's.

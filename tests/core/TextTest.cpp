@@ -119,3 +119,33 @@ TEST(Text, TransformShortcutAgreesWithTheFullTransform) {
 
 }  // namespace
 }  // namespace osv::text
+
+namespace osv::text {
+namespace {
+
+// The fold feeds sentence text to the transform piece by piece as deltas arrive; the result
+// must not depend on how the text was cut.
+TEST(Text, IncrementalTransformEqualsTheWholeTransformHoweverTheTextIsCut) {
+    const std::vector<std::string> pieces = {"說", "話", "天", "后", "一", "下", "發", "髮", "乾", "隆", "皇", "后",
+                                             "們", "這", "裡", " ", "。", "な", "了", "麼", "麵", "條", "台", "灣"};
+    std::mt19937 rng(3);
+    for (int round = 0; round < 400; ++round) {
+        IncrementalSimplifier incremental;
+        std::string whole;
+        for (int k = 1 + int(rng() % 6); k > 0; --k) {
+            std::string chunk;
+            for (int n = 1 + int(rng() % 4); n > 0; --n) chunk += pieces[rng() % pieces.size()];
+            incremental.append(chunk);
+            whole += chunk;
+            ASSERT_EQ(incremental.result(), traditionalToSimplified(whole)) << whole;
+        }
+        IncrementalSimplifier copy = incremental;  // copies go on independently
+        copy.append("們");
+        EXPECT_EQ(copy.result(), traditionalToSimplified(whole + "們"));
+        EXPECT_EQ(incremental.result(), traditionalToSimplified(whole));
+    }
+    EXPECT_EQ(IncrementalSimplifier().result(), std::nullopt);
+}
+
+}  // namespace
+}  // namespace osv::text

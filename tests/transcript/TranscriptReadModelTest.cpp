@@ -268,3 +268,25 @@ TEST(ReadModel, SnapshotsAreValuesThatLaterEventsDoNotChange) {
 
 }  // namespace
 }  // namespace osv
+
+namespace osv {
+namespace {
+
+// Open spans are shown through a transform run incrementally as deltas arrive; what they
+// show must equal the one-shot form of their text, however it was cut.
+TEST(ReadModel, IncrementalDisplayTextEqualsTheOneShotForm) {
+    const std::vector<std::string> pieces = {"說", "話", " ", "\n", "們", "天", "后", "は", "ok", "。", "\u3000", "裡"};
+    std::mt19937 rng(5);
+    for (int round = 0; round < 300; ++round) {
+        TranscriptReadModel::Run run;
+        for (int k = 1 + int(rng() % 6); k > 0; --k) {
+            std::string chunk;
+            for (int n = 1 + int(rng() % 3); n > 0; --n) chunk += pieces[rng() % pieces.size()];
+            run.append(chunk, Uuid::random(), Date(k));
+            ASSERT_EQ(run.displayText(), TranscriptReadModel::displayForm(run.text)) << run.text;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace osv
