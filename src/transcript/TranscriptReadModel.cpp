@@ -217,19 +217,29 @@ Sentence Fold::bind(Sentence s) const {
     return s;
 }
 
-void Fold::rebuildClosedCache() {
-    std::vector<std::size_t> order(closedSentences_.size());
+namespace {
+
+// Positions of closed items in timeline order: by start, equal starts in closing order.
+template <class T>
+std::vector<std::size_t> timelineOrder(const std::vector<T>& closed) {
+    std::vector<std::size_t> order(closed.size());
     std::iota(order.begin(), order.end(), 0);
     std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-        return closedSentences_[a].value.startedAt < closedSentences_[b].value.startedAt;
+        return closed[a].value.startedAt < closed[b].value.startedAt;
     });
-    std::vector<Sentence> sentences;
-    sentences.reserve(order.size());
-    sentenceKeys_.clear();
+    return order;
+}
+
+}  // namespace
+
+void Fold::rebuildClosedCache() {
     unbound_.clear();
     for (const auto& [id, list] : translations_)
         if (!list.empty()) unbound_.emplace(id, list.back());
-    for (std::size_t i : order) {
+    std::vector<Sentence> sentences;
+    sentences.reserve(closedSentences_.size());
+    sentenceKeys_.clear();
+    for (std::size_t i : timelineOrder(closedSentences_)) {
         const Sentence& s = closedSentences_[i].value;
         sentences.push_back(bind(s));
         sentenceKeys_.push_back({s.startedAt, i});
@@ -237,15 +247,10 @@ void Fold::rebuildClosedCache() {
     }
     closedCache_.sentences = PersistentList<Sentence>::fromVector(std::move(sentences));
 
-    std::vector<std::size_t> utteranceOrder(closedUtterances_.size());
-    std::iota(utteranceOrder.begin(), utteranceOrder.end(), 0);
-    std::stable_sort(utteranceOrder.begin(), utteranceOrder.end(), [&](std::size_t a, std::size_t b) {
-        return closedUtterances_[a].value.startedAt < closedUtterances_[b].value.startedAt;
-    });
     std::vector<Utterance> utterances;
-    utterances.reserve(utteranceOrder.size());
+    utterances.reserve(closedUtterances_.size());
     utteranceKeys_.clear();
-    for (std::size_t i : utteranceOrder) {
+    for (std::size_t i : timelineOrder(closedUtterances_)) {
         utterances.push_back(closedUtterances_[i].value);
         utteranceKeys_.push_back({closedUtterances_[i].value.startedAt, i});
     }
