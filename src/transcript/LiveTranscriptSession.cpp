@@ -69,8 +69,64 @@ void LiveTranscriptSession::finish(BoundaryReason reason, Date at) {
 
 void LiveTranscriptSession::append(TranscriptEvent event) {
     checkThread();
+    // A result for a frozen sentence changes its block: the head must be rebuilt.
+    std::visit(
+        [&](const auto& p) {
+            if constexpr (requires { p.id; })
+                if (frozenSentenceIDs_.count(p.id)) thawCaptions();
+        },
+        event.payload);
     log_.append(std::move(event));
     didAppend();
+}
+
+void LiveTranscriptSession::thawCaptions() {
+    frozenBlocks_ = {};
+    frozenSentenceCount_ = 0;
+    frozenSentenceIDs_.clear();
+    lastFrozenSentenceID_.reset();
+    firstLiveSentenceID_.reset();
+}
+
+CaptionBlockList LiveTranscriptSession::captionBlocks(bool translates, Date now) {
+    checkThread();
+    const Shape shape{labelsChannels, translates, routing()};
+    if (frozenShape_ != shape) {
+        // A change of a setting, or the second channel's arrival, rebuilds everything.
+        thawCaptions();
+        frozenShape_ = shape;
+    }
+    const TranscriptSnapshot& snap = snapshot();
+    const auto& sentences = snap.sentences();
+    if (frozenSentenceCount_ > 0) {
+        const bool headMoved = frozenSentenceCount_ > sentences.size() ||
+                               sentences[frozenSentenceCount_ - 1].id != lastFrozenSentenceID_ ||
+                               (firstLiveSentenceID_ && (frozenSentenceCount_ >= sentences.size() ||
+                                                         sentences[frozenSentenceCount_].id != *firstLiveSentenceID_));
+        if (headMoved) thawCaptions();
+    }
+
+    const auto paragraphs = TranscriptSnapshot::paragraphs(frozenSentenceCount_, sentences);
+    auto blocks = osv::captionBlocks(snap, paragraphs, labelsChannels, translates, shape.routing, true, now);
+
+    // Freeze from the front, never the last paragraph: a paragraph whose sentences are all
+    // closed and settled, and whose follower is closed too, so that nothing can still join it.
+    std::size_t frozenNow = 0;
+    for (std::size_t k = 0; k + 1 < paragraphs.size(); ++k) {
+        const ParagraphRange& p = paragraphs[k];
+        bool canFreeze = sentences[paragraphs[k + 1].first].isClosed;
+        for (std::size_t i = p.first; canFreeze && i < p.first + p.count; ++i)
+            canFreeze = sentences[i].isClosed && now - sentences[i].endedAt > kCaptionSettleSeconds;
+        if (!canFreeze) break;
+        for (std::size_t i = p.first; i < p.first + p.count; ++i) frozenSentenceIDs_.insert(sentences[i].id);
+        frozenSentenceCount_ += p.count;
+        lastFrozenSentenceID_ = sentences[p.first + p.count - 1].id;
+        firstLiveSentenceID_ = sentences[paragraphs[k + 1].first].id;
+        frozenBlocks_.pushBack(std::move(blocks[k]));
+        ++frozenNow;
+    }
+    blocks.erase(blocks.begin(), blocks.begin() + std::ptrdiff_t(frozenNow));
+    return CaptionBlockList(frozenBlocks_, std::move(blocks));
 }
 
 void LiveTranscriptSession::attachGlossary(const std::vector<GlossaryTerm>& terms, Date at) {
@@ -86,6 +142,7 @@ void LiveTranscriptSession::reset() {
     segmenter_.channels.clear();
     fold_ = TranscriptReadModel::Fold{};
     cachedSnapshot_.reset();
+    thawCaptions();
     attempted_.clear();
     annotated_.clear();
     provisionallyAttempted_.clear();

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "transcript/CaptionBlocks.h"
 #include "transcript/TranscriptReadModel.h"
 #include "transcript/TranscriptSegmenter.h"
 #include "transcript/TranslationRouter.h"
@@ -70,6 +71,13 @@ public:
     // Failed sentences become claimable again; then claimPendingRequests(now).
     std::vector<TranslationRouter::Request> retryFailedTranslations(Date now);
 
+    // The caption blocks of the session on air. Blocks of paragraphs whose sentences have
+    // settled are frozen and reused, so a refresh costs the live tail, not the session.
+    CaptionBlockList captionBlocks(bool translates, Date now);
+    // Drops the frozen blocks; the next refresh rebuilds them. Appending a result for a
+    // frozen sentence does this by itself.
+    void thawCaptions();
+
     // The best texts of the last `limit` closed sentences with a source, leaving out `excluding`.
     std::vector<std::string> contextForRepair(const std::vector<SentenceID>& excluding, int limit);
 
@@ -91,6 +99,20 @@ private:
     std::map<SentenceID, std::string> annotated_;
     std::map<SentenceID, std::size_t> provisionallyAttempted_;
     std::set<SentenceID> repaired_;
+    struct Shape {
+        bool labelsChannels;
+        bool translates;
+        TranslationRouter::Config routing;
+        bool operator==(const Shape&) const = default;
+    };
+    PersistentList<CaptionGrouping::CaptionBlock> frozenBlocks_;
+    std::size_t frozenSentenceCount_ = 0;
+    std::set<SentenceID> frozenSentenceIDs_;
+    std::optional<SentenceID> lastFrozenSentenceID_;
+    // The sentence that followed the frozen head when it last grew: a sentence slipped in
+    // between (an anchor reaching back) could have joined the last frozen paragraph.
+    std::optional<SentenceID> firstLiveSentenceID_;
+    std::optional<Shape> frozenShape_;
     std::size_t glossaryScannedAt_ = 0;
     std::size_t summarizedAt_ = 0;
     std::size_t contextRepairedAt_ = 0;

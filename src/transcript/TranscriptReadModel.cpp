@@ -130,6 +130,11 @@ std::optional<Utterance> ChannelState::openUtterance(CaptureChannel channel) con
     return utteranceUnderWay(channel, std::nullopt);
 }
 
+std::optional<std::string> ChannelState::translationTail() const {
+    if (buildsFromTranslation || text::isBlank(translationUtterance.text)) return std::nullopt;
+    return translationUtterance.displayText();
+}
+
 std::optional<Sentence> ChannelState::openSentence(CaptureChannel channel) const {
     return sentenceUnderWay(channel, std::nullopt, std::nullopt);
 }
@@ -327,15 +332,19 @@ TranscriptSnapshot Fold::snapshot() {
     TimelineList<Utterance> utterances(closedCache_.utterances);
     TimelineList<Sentence> sentences(closedCache_.sentences);
     unsigned channelMask = closedChannelMask_;
+    std::map<CaptureChannel, std::string> tails;
     for (const auto& [channel, state] : channels_) {
+        if (auto tail = state.translationTail()) tails.emplace(channel, std::move(*tail));
         if (auto u = state.openUtterance(channel)) utterances.insertByStart(std::move(*u));
         if (auto s = state.openSentence(channel)) {
             channelMask |= channelBit(channel);
             sentences.insertByStart(bind(std::move(*s)));
         }
     }
-    return TranscriptSnapshot(std::move(utterances), std::move(sentences), streams_, closedCache_.unboundTranslations,
-                              closedCache_.glossary, channelMask == 3u);
+    TranscriptSnapshot snapshot(std::move(utterances), std::move(sentences), streams_, closedCache_.unboundTranslations,
+                                closedCache_.glossary, channelMask == 3u);
+    snapshot.translationTails_ = std::move(tails);
+    return snapshot;
 }
 
 }  // namespace osv::TranscriptReadModel

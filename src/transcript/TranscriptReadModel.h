@@ -64,6 +64,9 @@ struct ChannelState {
     std::optional<Utterance> closeUtterance(CaptureChannel channel, Date at);
     std::optional<Utterance> openUtterance(CaptureChannel channel) const;
     std::optional<Sentence> openSentence(CaptureChannel channel) const;
+    // The streamed translation of the utterance under way while the source builds the
+    // sentences: the running tail a live caption shows until sentence translations come.
+    std::optional<std::string> translationTail() const;
 
 private:
     std::optional<Sentence> sentenceUnderWay(CaptureChannel channel, std::optional<SentenceID> id,

@@ -21,6 +21,10 @@
 
 namespace osv {
 
+namespace TranscriptReadModel {
+class Fold;
+}
+
 struct Translation {
     std::string text;
     TranslationOrigin origin = TranslationOrigin::streamed;
@@ -183,6 +187,9 @@ public:
 
     // Two sentences differ in channel.
     bool usesMultipleChannels() const { return usesMultipleChannels_; }
+    // Per channel, the streamed translation of the utterance under way while the source
+    // builds the sentences (see ChannelState::translationTail).
+    const std::map<CaptureChannel, std::string>& translationTails() const { return translationTails_; }
     std::string glossaryLines() const;
     std::vector<TranscriptSegment> transcriptSegments(bool labelsChannels) const;
 
@@ -190,6 +197,8 @@ public:
     static std::vector<ParagraphRange> paragraphs(std::size_t start, const TimelineList<Sentence>& sentences);
 
 private:
+    friend class TranscriptReadModel::Fold;
+    std::map<CaptureChannel, std::string> translationTails_;
     TimelineList<Utterance> utterances_;
     TimelineList<Sentence> sentences_;
     std::map<CaptureChannel, SharedText> streams_;
