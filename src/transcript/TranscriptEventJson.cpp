@@ -1,5 +1,7 @@
 #include "transcript/TranscriptEventJson.h"
 
+#include <array>
+
 #include "core/Json.h"
 
 namespace osv {
@@ -236,6 +238,50 @@ JsonLinesReading decodeJsonLines(std::string_view bytes) {
         start = end + 1;
     }
     return reading;
+}
+
+namespace {
+constexpr std::array<std::string_view, 6> kStatusNames{"provisional", "transcribing", "translating",
+                                                      "finalizing",  "complete",     "failed"};
+}  // namespace
+
+std::string_view rawValue(TranscriptSegment::SegmentStatus status) { return kStatusNames[std::size_t(status)]; }
+
+std::optional<TranscriptSegment::SegmentStatus> segmentStatusFromRaw(std::string_view raw) {
+    for (std::size_t i = 0; i < kStatusNames.size(); ++i)
+        if (kStatusNames[i] == raw) return static_cast<TranscriptSegment::SegmentStatus>(i);
+    return std::nullopt;
+}
+
+Json toJson(const TranscriptSegment& s) {
+    Json j = Json::object();
+    j["id"] = s.id.text();
+    j["sequence"] = s.sequence;
+    if (s.channel) j["channel"] = rawValue(*s.channel);
+    j["startedAt"] = s.startedAt.seconds;
+    j["sourceText"] = s.sourceText;
+    j["translatedText"] = s.translatedText;
+    j["status"] = rawValue(s.status);
+    if (s.firstVisibleLatencyMilliseconds) j["firstVisibleLatencyMilliseconds"] = *s.firstVisibleLatencyMilliseconds;
+    if (s.finalLatencyMilliseconds) j["finalLatencyMilliseconds"] = *s.finalLatencyMilliseconds;
+    return j;
+}
+
+Expected<TranscriptSegment> transcriptSegmentFromJson(const Json& j) {
+    const auto id = json::readOptional<Uuid>(j, "id");
+    if (!id) return Error{"segment_undecodable", "segment without a readable \"id\""};
+    TranscriptSegment s;
+    s.id = *id;
+    s.sequence = int(json::read<std::int64_t>(j, "sequence", 0));
+    if (auto c = json::readOptional<std::string>(j, "channel")) s.channel = captureChannelFromRaw(*c);
+    s.startedAt = json::read<Date>(j, "startedAt", Date(0));
+    s.sourceText = json::read<std::string>(j, "sourceText", "");
+    s.translatedText = json::read<std::string>(j, "translatedText", "");
+    if (auto raw = json::readOptional<std::string>(j, "status"))
+        s.status = segmentStatusFromRaw(*raw).value_or(TranscriptSegment::SegmentStatus::provisional);
+    if (auto v = json::readOptional<std::int64_t>(j, "firstVisibleLatencyMilliseconds")) s.firstVisibleLatencyMilliseconds = int(*v);
+    if (auto v = json::readOptional<std::int64_t>(j, "finalLatencyMilliseconds")) s.finalLatencyMilliseconds = int(*v);
+    return s;
 }
 
 }  // namespace osv

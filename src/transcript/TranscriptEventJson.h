@@ -15,6 +15,7 @@
 
 #include "core/Expected.h"
 #include "transcript/TranscriptEvent.h"
+#include "transcript/TranscriptSegment.h"
 
 namespace osv {
 
@@ -27,6 +28,14 @@ Expected<GlossaryTerm> glossaryTermFromJson(const nlohmann::ordered_json& json);
 // A log inside a larger document: {"events": [...]}, written as the log stands.
 nlohmann::ordered_json toJson(const TranscriptEventLog& log);
 Expected<TranscriptEventLog> transcriptEventLogFromJson(const nlohmann::ordered_json& json);
+
+// A segment: "id", "sequence", "channel", "startedAt", "sourceText", "translatedText",
+// "status", and the two latencies; absent optionals are left out. Decoding is forgiving
+// per field (a bad field takes its default); only an id that is no UUID fails.
+nlohmann::ordered_json toJson(const TranscriptSegment& segment);
+Expected<TranscriptSegment> transcriptSegmentFromJson(const nlohmann::ordered_json& json);
+std::string_view rawValue(TranscriptSegment::SegmentStatus status);
+std::optional<TranscriptSegment::SegmentStatus> segmentStatusFromRaw(std::string_view raw);
 
 // One event as one compact line, without the line feed.
 std::string encodeEventLine(const TranscriptEvent& event);
