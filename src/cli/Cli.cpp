@@ -16,6 +16,12 @@ constexpr const char* kUsageText =
     "                                           run a script of segmenter calls; the event log goes\n"
     "                                           to standard output, each ingest's directive to\n"
     "                                           standard error\n"
+    "  transcript captions FILE.jsonl --now T [--no-translate] [--labels]\n"
+    "                                           the caption blocks of a log at time T, as JSON\n"
+    "  transcript requests FILE.jsonl --now T [--target simplifiedChinese|japanese]\n"
+    "      [--perspective solo|shared] [--separated] [--repairs] [--no-refine] [--grace SECONDS]\n"
+    "                                           what the router says is due at time T, as JSON\n"
+    "  preview [--json]                         play the sample conversation and show its captions\n"
     "  help                                     this text\n"
     "\n"
     "FILE may be - for standard input.\n";
@@ -34,6 +40,7 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
     }
     const std::vector<std::string> rest(args.begin() + 1, args.end());
     if (command == "transcript") return runTranscript(rest, in, out, err);
+    if (command == "preview") return runPreview(rest, out, err);
     err << "ossevra-cli: unknown command \"" << command << "\"\n\n" << kUsageText;
     return kUsage;
 }

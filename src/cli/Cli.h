@@ -17,7 +17,10 @@ inline constexpr int kUsage = 2;   // the command line or the input is malformed
 // Runs one command line (without the program name). Reads standard input from `in`.
 int run(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err);
 
-// The transcript commands: fold, compact, build.
+// Plays the sample conversation and prints its captions.
+int runPreview(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
+// The transcript commands: fold, compact, build, captions, requests.
 int runTranscript(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err);
 
 }  // namespace osv::cli

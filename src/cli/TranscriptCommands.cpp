@@ -3,10 +3,15 @@
 #include <iomanip>
 #include <istream>
 #include <iterator>
+#include <map>
+#include <set>
 #include <ostream>
 #include <sstream>
 
 #include "cli/Cli.h"
+#include "cli/CliJson.h"
+#include "transcript/CaptionBlocks.h"
+#include "transcript/LiveTranscriptSession.h"
 #include "core/AtomicFile.h"
 #include "core/Json.h"
 #include "core/Text.h"
@@ -41,8 +46,6 @@ std::optional<TranscriptEventLog> readLog(const std::string& path, std::istream&
     }
     return std::move(reading.log);
 }
-
-Json optionalString(const std::optional<std::string>& s) { return s ? Json(*s) : Json(nullptr); }
 
 Json translationJson(const Translation& t) {
     Json j = Json::object();
@@ -332,6 +335,141 @@ int build(const std::vector<std::string>& args, std::istream& in, std::ostream& 
     return kOk;
 }
 
+// Arguments of the form FILE --name VALUE --flag, in any order.
+struct Options {
+    std::string path;
+    std::map<std::string, std::string> values;
+    std::set<std::string> flags;
+};
+
+std::optional<Options> parseOptions(const std::vector<std::string>& args, const std::set<std::string>& valueNames,
+                                    const std::set<std::string>& flagNames, const char* usage, std::ostream& err) {
+    Options o;
+    bool havePath = false;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        if (valueNames.count(a)) {
+            if (i + 1 >= args.size()) {
+                err << a << " needs a value\n" << usage;
+                return std::nullopt;
+            }
+            o.values[a] = args[++i];
+        } else if (flagNames.count(a)) {
+            o.flags.insert(a);
+        } else if (!havePath && (a == "-" || a.rfind("--", 0) != 0)) {
+            o.path = a;
+            havePath = true;
+        } else {
+            err << "unexpected argument \"" << a << "\"\n" << usage;
+            return std::nullopt;
+        }
+    }
+    if (!havePath) {
+        err << usage;
+        return std::nullopt;
+    }
+    return o;
+}
+
+std::optional<double> number(const std::string& text) {
+    const auto j = json::parse(text);
+    if (!j) return std::nullopt;
+    return json::as<double>(*j);
+}
+
+// The log's snapshot at the moment the command asks about.
+std::optional<TranscriptSnapshot> snapshotOf(const std::string& path, std::istream& in, std::ostream& err) {
+    auto log = readLog(path, in, err);
+    if (!log) return std::nullopt;
+    TranscriptReadModel::Fold fold;
+    fold.advance(*log);
+    return fold.snapshot();
+}
+
+int captions(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err) {
+    static const char* usage = "usage: ossevra-cli transcript captions FILE.jsonl --now T [--no-translate] [--labels]\n";
+    auto o = parseOptions(args, {"--now"}, {"--no-translate", "--labels"}, usage, err);
+    if (!o) return kUsage;
+    const auto now = o->values.count("--now") ? number(o->values["--now"]) : std::nullopt;
+    if (!now) {
+        err << "--now must be a date in seconds since 2001-01-01 UTC\n" << usage;
+        return kUsage;
+    }
+    const auto snapshot = snapshotOf(o->path, in, err);
+    if (!snapshot) return kFailed;
+    const bool translates = !o->flags.count("--no-translate");
+    TranslationRouter::Config routing;
+    routing.translates = translates;
+    const auto blocks = captionBlocks(*snapshot, TranscriptSnapshot::paragraphs(0, snapshot->sentences()),
+                                      o->flags.count("--labels") > 0, translates, routing, false, Date(*now));
+    Json array = Json::array();
+    for (const auto& b : blocks) array.push_back(captionBlockJson(b));
+    out << json::dumpPretty(array) << "\n";
+    return kOk;
+}
+
+int requests(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err) {
+    static const char* usage =
+        "usage: ossevra-cli transcript requests FILE.jsonl --now T [--target simplifiedChinese|japanese]\n"
+        "       [--perspective solo|shared] [--separated] [--repairs] [--no-refine] [--grace SECONDS]\n";
+    auto o = parseOptions(args, {"--now", "--target", "--perspective", "--grace"},
+                          {"--separated", "--repairs", "--no-refine"}, usage, err);
+    if (!o) return kUsage;
+    const auto now = o->values.count("--now") ? number(o->values["--now"]) : std::nullopt;
+    if (!now) {
+        err << "--now must be a date in seconds since 2001-01-01 UTC\n" << usage;
+        return kUsage;
+    }
+    // A live session's configuration, but for what the options change.
+    TranslationRouter::Config config;
+    config.repairGraceSeconds = 0.35;
+    if (auto it = o->values.find("--target"); it != o->values.end()) {
+        if (it->second == "simplifiedChinese") config.target = TargetLanguage::simplifiedChinese;
+        else if (it->second == "japanese") config.target = TargetLanguage::japanese;
+        else {
+            err << "--target must be simplifiedChinese or japanese\n" << usage;
+            return kUsage;
+        }
+    }
+    if (auto it = o->values.find("--perspective"); it != o->values.end()) {
+        if (it->second == "solo") config.perspective = Perspective::solo;
+        else if (it->second == "shared") config.perspective = Perspective::shared;
+        else {
+            err << "--perspective must be solo or shared\n" << usage;
+            return kUsage;
+        }
+    }
+    if (auto it = o->values.find("--grace"); it != o->values.end()) {
+        const auto grace = number(it->second);
+        if (!grace || *grace < 0) {
+            err << "--grace must be a number of seconds\n" << usage;
+            return kUsage;
+        }
+        config.repairGraceSeconds = *grace;
+    }
+    config.repairsSource = o->flags.count("--repairs") > 0;
+    config.refineFinishedSentences = !o->flags.count("--no-refine");
+    const auto snapshot = snapshotOf(o->path, in, err);
+    if (!snapshot) return kFailed;
+    // As in a live session: channels count as separated once both have spoken.
+    config.separatedChannels = o->flags.count("--separated") > 0 && snapshot->usesMultipleChannels();
+
+    auto list = [](const std::vector<TranslationRouter::Request>& requests) {
+        Json array = Json::array();
+        for (const auto& r : requests) array.push_back(requestJson(r));
+        return array;
+    };
+    const Date at(*now);
+    Json j = Json::object();
+    j["pending"] = list(TranslationRouter::pendingRequests(snapshot->sentences(), config, at));
+    j["provisional"] = list(TranslationRouter::provisionalRequests(snapshot->sentences(), config));
+    j["repairs"] = list(TranslationRouter::repairRequests(snapshot->sentences(), config));
+    const auto deadline = TranslationRouter::nextDeadline(snapshot->sentences(), config, at);
+    j["nextDeadline"] = deadline ? Json(deadline->seconds) : Json(nullptr);
+    out << json::dumpPretty(j) << "\n";
+    return kOk;
+}
+
 }  // namespace
 
 int runTranscript(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err) {
@@ -340,7 +478,9 @@ int runTranscript(const std::vector<std::string>& args, std::istream& in, std::o
     if (sub == "fold") return fold(rest, in, out, err);
     if (sub == "compact") return compact(rest, in, err);
     if (sub == "build") return build(rest, in, out, err);
-    err << "usage: ossevra-cli transcript fold|compact|build ...\n";
+    if (sub == "captions") return captions(rest, in, out, err);
+    if (sub == "requests") return requests(rest, in, out, err);
+    err << "usage: ossevra-cli transcript fold|compact|build|captions|requests ...\n";
     return kUsage;
 }
 

@@ -132,5 +132,67 @@ TEST(Cli, CompactWritesTheCompactedLog) {
     fs::remove_all(dir);
 }
 
+TEST(Cli, PreviewShowsTheSampleConversationAsCaptions) {
+    const Result text = runCli({"preview"});
+    ASSERT_EQ(text.status, kOk) << text.err;
+    EXPECT_NE(text.out.find("[对方 00:00] 本日はお忙しいところありがとうございます。"), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("感谢您今天在百忙之中抽出时间。"), std::string::npos);
+    EXPECT_NE(text.out.find("⚠ 翻译超时"), std::string::npos);
+    EXPECT_NE(text.out.find("（草稿）"), std::string::npos);
+    const Result asJson = runCli({"preview", "--json"});
+    const Json blocks = *json::parse(asJson.out);
+    ASSERT_EQ(blocks.size(), 8u);
+    std::vector<std::string> keys;
+    for (auto it = blocks[0].begin(); it != blocks[0].end(); ++it) keys.push_back(it.key());
+    EXPECT_EQ(keys, (Strings{"source", "translation", "sentenceIDs", "furigana", "channel", "translationFailure",
+                             "isAwaitingTranslation", "isProvisional", "pendingSource", "startOffset",
+                             "lateCorrection", "lateTranslation"}));
+    EXPECT_EQ(blocks[2]["channel"], "microphone");
+    EXPECT_EQ(runCli({"preview", "--loud"}).status, kUsage);
+}
+
+TEST(Cli, CaptionsOfAStoredLogAtAGivenTime) {
+    const Result built = runCli({"transcript", "build", "--deterministic-ids", example("conversation.jsonl")});
+    const Result r = runCli({"transcript", "captions", "-", "--now", "100", "--labels"}, built.out);
+    ASSERT_EQ(r.status, kOk) << r.err;
+    const Json blocks = *json::parse(r.out);
+    ASSERT_GE(blocks.size(), 3u);
+    // The first two sentences share an utterance and fit one paragraph.
+    EXPECT_EQ(blocks[0]["source"], "本日はお時間をいただきありがとうございます。さっそくですが、新しい見積もりについてご説明します。");
+    EXPECT_EQ(blocks[0]["sentenceIDs"][0], "00000000-0000-4000-8000-000000000001");
+    EXPECT_EQ(blocks[0]["channel"], "system");
+    EXPECT_TRUE(blocks[0]["translation"].is_null());
+    EXPECT_TRUE(blocks[0]["isAwaitingTranslation"].get<bool>());
+    const Json plain = *json::parse(runCli({"transcript", "captions", "-", "--now", "100", "--no-translate"}, built.out).out);
+    EXPECT_TRUE(plain[0]["channel"].is_null());
+    EXPECT_FALSE(plain[0]["isAwaitingTranslation"].get<bool>());
+    EXPECT_EQ(runCli({"transcript", "captions", "-", "--now", "soon"}, built.out).status, kUsage);
+    EXPECT_EQ(runCli({"transcript", "captions", "-"}, built.out).status, kUsage);
+}
+
+TEST(Cli, RequestsExplainWhatIsDueAndWhatWaits) {
+    const Result built = runCli({"transcript", "build", "--deterministic-ids", example("conversation.jsonl")});
+    const Json due = *json::parse(runCli({"transcript", "requests", "-", "--now", "20"}, built.out).out);
+    // Japanese from the other side is refined; the user's Chinese goes back to Japanese.
+    ASSERT_EQ(due["pending"].size(), 5u);
+    EXPECT_EQ(due["pending"][0]["origin"], "refined");
+    EXPECT_EQ(due["pending"][2]["origin"], "reverseToJapanese");
+    EXPECT_EQ(due["pending"][1]["context"].size(), 1u);
+    EXPECT_TRUE(due["nextDeadline"].is_null());
+
+    // With a long grace, sentences that ended less than 10 s ago wait for their repair;
+    // the user's own sentence, going back to Japanese, never waits.
+    const Json held = *json::parse(
+        runCli({"transcript", "requests", "-", "--now", "14", "--repairs", "--grace", "10"}, built.out).out);
+    EXPECT_DOUBLE_EQ(held["nextDeadline"].get<double>(), 4.4 + 10);
+    ASSERT_EQ(held["pending"].size(), 2u);
+    EXPECT_EQ(held["pending"][1]["origin"], "reverseToJapanese");
+    EXPECT_EQ(held["repairs"].size(), 5u);
+    const Json solo = *json::parse(
+        runCli({"transcript", "requests", "-", "--now", "20", "--perspective", "solo"}, built.out).out);
+    EXPECT_EQ(solo["pending"].size(), 4u);  // the user's Chinese is not translated back
+    EXPECT_EQ(runCli({"transcript", "requests", "-", "--now", "20", "--target", "korean"}, built.out).status, kUsage);
+}
+
 }  // namespace
 }  // namespace osv::cli

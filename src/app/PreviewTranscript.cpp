@@ -1,0 +1,83 @@
+#include "app/PreviewTranscript.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace osv::PreviewTranscript {
+namespace {
+
+constexpr double kDeltaSpacing = 0.45;   // seconds between deltas of a line
+constexpr double kTurnGap = 1.3;         // silence between lines
+constexpr double kUtteranceTail = 0.6;   // the service reports the turn's end after this
+constexpr double kAnswerDelay = 1.4;     // a translation arrives this long after the line
+
+using Origin = TranslationOrigin;
+constexpr auto kThem = CaptureChannel::system;
+constexpr auto kMe = CaptureChannel::microphone;
+
+}  // namespace
+
+bool isEnabled() {
+    const char* v = std::getenv("OSV_PREVIEW_TRANSCRIPT");
+    return v && std::strcmp(v, "1") == 0;
+}
+
+const std::vector<Line>& script() {
+    static const std::vector<Line> lines = {
+        {kThem, {"本日は", "お忙しいところ", "ありがとうございます。"}, {"感谢您", "百忙之中"},
+         "感谢您今天在百忙之中抽出时间。", Origin::refined, std::nullopt},
+        {kThem, {"さっそくですが、", "新しい見積もりを", "ご説明します。"}, {"那我们直接开始，", "我来说明新的报价。"},
+         "那我们直接开始，我来说明一下新的报价。", Origin::streamed, std::nullopt},
+        {kMe, {"好的，", "請您先", "介紹一下價格。"}, {}, "はい、まず価格についてご説明ください。",
+         Origin::reverseToJapanese, std::nullopt},
+        {kThem, {"月額は", "お一人あたり", "三千円です。"}, {"每人", "每月"}, "每人每月三千日元。", Origin::refined,
+         std::nullopt},
+        {kMe, {"这个价格", "包含培训吗？"}, {}, "この価格には研修も含まれていますか？", Origin::reverseToJapanese,
+         std::nullopt},
+        {kThem, {"はい、", "導入時の研修は", "無料です。"}, {"是的，"}, std::nullopt, Origin::refined,
+         "翻译超时，稍后会自动重试"},
+        {kMe, {"嗯，", "我们内部", "商量一下。"}, {}, "社内で相談します。", Origin::reverseToJapanese, std::nullopt},
+        {kThem, {"来月から", "ご利用", "いただけます。"}, {"下个月"}, "下个月起就可以使用", Origin::provisional,
+         std::nullopt},
+    };
+    return lines;
+}
+
+Date play(LiveTranscriptSession& session, Date start) {
+    session.reset();
+    Date t = start;
+    for (const Line& line : script()) {
+        const std::size_t before = session.log().size();
+        const Date lineStart = t;
+        for (std::size_t i = 0; i < std::max(line.deltas.size(), line.streamed.size()); ++i) {
+            if (i < line.deltas.size()) {
+                // The first delta is stamped back to when the speech was heard to begin.
+                const std::optional<Date> anchor = i == 0 ? std::optional<Date>(lineStart - 0.4) : std::nullopt;
+                session.ingest(line.deltas[i], TranscriptSegmenter::DeltaKind::source, line.channel, t, anchor);
+            }
+            if (i < line.streamed.size())
+                session.ingest(line.streamed[i], TranscriptSegmenter::DeltaKind::streamedTranslation, line.channel,
+                               t + 0.2, std::nullopt);
+            t = t + kDeltaSpacing;
+        }
+        session.closeUtterance(line.channel, BoundaryReason::idle, t + kUtteranceTail);
+
+        // The line's sentence: the last one it closed.
+        std::optional<SentenceID> id;
+        for (std::size_t i = before; i < session.log().size(); ++i)
+            if (auto* c = std::get_if<TranscriptEvent::SentenceClosed>(&session.log().events[i].payload)) id = c->id;
+        const Date answered = t + kAnswerDelay;
+        if (id && line.answer)
+            session.append(TranscriptEvent{Uuid::random(), answered, std::nullopt, line.channel,
+                                           TranscriptEvent::SentenceTranslated{*id, *line.answer, line.origin}});
+        if (id && line.failure)
+            session.append(TranscriptEvent{Uuid::random(), answered, std::nullopt, line.channel,
+                                           TranscriptEvent::SentenceTranslationFailed{*id, *line.failure}});
+        t = t + kUtteranceTail + kTurnGap;
+    }
+    session.finish(BoundaryReason::sessionEnd, t);
+    return t;
+}
+
+}  // namespace osv::PreviewTranscript
