@@ -2,6 +2,8 @@
 //  - LiveSessionPerDelta: a three-hour two-channel conversation, each delta through
 //    ingest, advance and snapshot as the live session does it. Reports the median and
 //    99th percentile cost per delta in the first and in the last ten minutes.
+//  - CaptionRefreshPerDelta: the same conversation through the live session, with the
+//    caption blocks refreshed after every delta.
 //  - Compaction of a log of 1,000,000 events.
 //  - Decoding a journal of 200,000 lines.
 
@@ -13,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "transcript/LiveTranscriptSession.h"
 #include "transcript/TranscriptEventJson.h"
 #include "transcript/TranscriptReadModel.h"
 #include "transcript/TranscriptSegmenter.h"
@@ -49,113 +52,108 @@ double percentile(std::vector<double> v, double p) {
     return v[std::min(v.size() - 1, std::size_t(p * double(v.size())))];
 }
 
-// The whole session is replayed kRuns times; each percentile is reported as its median
-// over the runs, so that a preempted run on a shared machine doesn't decide the figure.
-void LiveSessionPerDelta(benchmark::State& state) {
-    constexpr double kSessionSeconds = 3 * 3600.0;
-    constexpr double kWindow = 600.0;
-    constexpr int kRuns = 5;
-    std::vector<Timing> timings;
-    std::size_t events = 0, sentences = 0;
-    std::vector<double> figures[4];
-    for (auto _ : state) for (int run = 0; run < kRuns; ++run) {
-        std::mt19937 rng(42);
-        auto uniform = [&](double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); };
-        auto between = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+constexpr double kSessionSeconds = 3 * 3600.0;
+constexpr double kWindow = 600.0;
 
-        TranscriptSegmenter segmenter;
-        TranscriptEventLog log;
-        TranscriptReadModel::Fold fold;
-        std::vector<std::pair<double, TranscriptEvent>> translationsDue;
-        std::size_t sentencesSeen = 0;
-        Speaker speakers[2];
-        speakers[0].channel = CaptureChannel::system;
-        speakers[0].alphabet = &kJapanese;
-        speakers[1].channel = CaptureChannel::microphone;
-        speakers[1].alphabet = &kChinese;
-        speakers[1].quietUntil = 20;
-        timings.clear();
-        timings.reserve(60000);
+// Plays a three-hour two-channel conversation into `sink`: source deltas, the streamed
+// translation beside them, the controller's timed boundaries, and sentence translations
+// arriving a second or two after each sentence closes. The sink times what it measures.
+template <class Sink>
+void playConversation(Sink& sink) {
+    std::mt19937 rng(42);
+    auto uniform = [&](double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); };
+    auto between = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+    std::vector<std::pair<double, TranscriptEvent>> translationsDue;
+    std::size_t eventsSeen = 0;
+    Speaker speakers[2];
+    speakers[0].channel = CaptureChannel::system;
+    speakers[0].alphabet = &kJapanese;
+    speakers[1].channel = CaptureChannel::microphone;
+    speakers[1].alphabet = &kChinese;
+    speakers[1].quietUntil = 20;
 
-        auto fireTimers = [&](Speaker& s, double until) {
-            // The controller's timed boundary: fires when no delta came within its delay.
-            if (s.directive && s.directiveArmedAt + s.directive->delay <= until) {
-                segmenter.closeUtterance(s.channel, s.directive->reason, Date(s.directiveArmedAt + s.directive->delay), log);
-                s.directive.reset();
-            }
-        };
+    auto fireTimer = [&](Speaker& s, double until) {
+        // The controller's timed boundary: fires when no delta came within its delay.
+        if (s.directive && s.directiveArmedAt + s.directive->delay <= until) {
+            sink.closeUtterance(s.channel, s.directive->reason, Date(s.directiveArmedAt + s.directive->delay));
+            s.directive.reset();
+        }
+    };
 
-        for (;;) {
-            Speaker& s = speakers[0].nextDeltaAt <= speakers[1].nextDeltaAt ? speakers[0] : speakers[1];
-            double now = std::max(s.nextDeltaAt, s.quietUntil);
-            if (now > kSessionSeconds) break;
-            fireTimers(speakers[0], now);
-            fireTimers(speakers[1], now);
-            // Translations of closed sentences arrive a second or two later.
-            while (!translationsDue.empty() && translationsDue.front().first <= now) {
-                log.append(std::move(translationsDue.front().second));
-                translationsDue.erase(translationsDue.begin());
-            }
-            if (now >= s.turnEndsAt) {
-                s.turnEndsAt = now + uniform(4, 25);
+    for (;;) {
+        Speaker& s = speakers[0].nextDeltaAt <= speakers[1].nextDeltaAt ? speakers[0] : speakers[1];
+        const double now = std::max(s.nextDeltaAt, s.quietUntil);
+        if (now > kSessionSeconds) break;
+        fireTimer(speakers[0], now);
+        fireTimer(speakers[1], now);
+        while (!translationsDue.empty() && translationsDue.front().first <= now) {
+            sink.append(std::move(translationsDue.front().second));
+            translationsDue.erase(translationsDue.begin());
+        }
+        if (now >= s.turnEndsAt) {
+            s.turnEndsAt = now + uniform(4, 25);
+            s.charactersToSentenceEnd = between(10, 30);
+        }
+        std::string text;
+        for (int i = between(1, 6); i > 0; --i) {
+            text += (*s.alphabet)[std::size_t(between(0, int(s.alphabet->size()) - 1))];
+            if (--s.charactersToSentenceEnd == 0) {
+                text += s.channel == CaptureChannel::system ? "。" : "？";
                 s.charactersToSentenceEnd = between(10, 30);
             }
-            std::string text;
-            const int n = between(1, 6);
-            for (int i = 0; i < n; ++i) {
-                text += (*s.alphabet)[std::size_t(between(0, int(s.alphabet->size()) - 1))];
-                if (--s.charactersToSentenceEnd == 0) {
-                    text += s.channel == CaptureChannel::system ? "。" : "？";
-                    s.charactersToSentenceEnd = between(10, 30);
-                }
-            }
-
-            const auto start = std::chrono::steady_clock::now();
-            s.directive = segmenter.ingest(text, TranscriptSegmenter::DeltaKind::source, s.channel, Date(now),
-                                           Date(now - 0.3), log);
-            fold.advance(log);
-            const TranscriptSnapshot snapshot = fold.snapshot();
-            benchmark::DoNotOptimize(snapshot.sentences().size());
-            const auto end = std::chrono::steady_clock::now();
-            timings.push_back({now, std::chrono::duration<double, std::micro>(end - start).count()});
-            s.directiveArmedAt = now;
-
-            if (s.channel == CaptureChannel::system && between(0, 1) == 0) {
-                // The streamed translation runs beside the source.
-                segmenter.ingest("訳文", TranscriptSegmenter::DeltaKind::streamedTranslation, s.channel, Date(now + 0.1),
-                                 std::nullopt, log);
-            }
-            if (fold.closedSentenceCount() > sentencesSeen) {
-                for (; sentencesSeen < fold.closedSentenceCount(); ++sentencesSeen) {
-                    // The sentence's id: take it from the newest closing event.
-                    for (auto it = log.events.rbegin(); it != log.events.rend(); ++it) {
-                        if (auto* c = std::get_if<TranscriptEvent::SentenceClosed>(&it->payload)) {
-                            translationsDue.push_back(
-                                {now + uniform(0.8, 2.5),
-                                 TranscriptEvent{Uuid::random(), Date(now + 2), std::nullopt, s.channel,
-                                                 TranscriptEvent::SentenceTranslated{c->id, "译文", TranslationOrigin::refined}}});
-                            break;
-                        }
-                    }
-                }
-            }
-            s.nextDeltaAt = now + uniform(0.4, 1.4);
-            if (s.nextDeltaAt > s.turnEndsAt) s.quietUntil = s.turnEndsAt + uniform(2, 15);
         }
-        events = log.size();
-        sentences = fold.closedSentenceCount();
+        s.directive = sink.delta(text, s.channel, Date(now), Date(now - 0.3));
+        s.directiveArmedAt = now;
+        if (s.channel == CaptureChannel::system && between(0, 1) == 0)
+            sink.streamed("訳文", s.channel, Date(now + 0.1));
 
-        std::vector<double> first, last;
-        for (const Timing& t : timings) {
-            if (t.at < kWindow) first.push_back(t.micros);
-            if (t.at >= kSessionSeconds - kWindow) last.push_back(t.micros);
+        // Each newly closed sentence gets its translation a little later.
+        const TranscriptEventLog& log = sink.log();
+        for (; eventsSeen < log.size(); ++eventsSeen) {
+            if (auto* c = std::get_if<TranscriptEvent::SentenceClosed>(&log.events[eventsSeen].payload)) {
+                const double at = now + uniform(0.8, 2.5);
+                translationsDue.push_back({at, TranscriptEvent{Uuid::random(), Date(at), std::nullopt,
+                                                               log.events[eventsSeen].channel,
+                                                               TranscriptEvent::SentenceTranslated{
+                                                                   c->id, "译文", TranslationOrigin::refined}}});
+            }
         }
-        figures[0].push_back(percentile(first, 0.5));
-        figures[1].push_back(percentile(first, 0.99));
-        figures[2].push_back(percentile(last, 0.5));
-        figures[3].push_back(percentile(last, 0.99));
+        s.nextDeltaAt = now + uniform(0.4, 1.4);
+        if (s.nextDeltaAt > s.turnEndsAt) s.quietUntil = s.turnEndsAt + uniform(2, 15);
     }
-    state.counters["deltas"] = double(timings.size());
+}
+
+using Clock = std::chrono::steady_clock;
+double microsSince(Clock::time_point start) {
+    return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+}
+
+// Reports the median and 99th percentile of the first and last ten minutes, each as its
+// median over several replays, so that a preempted run on a shared machine doesn't decide
+// the figure.
+template <class Sink>
+void reportOverReplays(benchmark::State& state, int runs) {
+    std::vector<double> figures[4];
+    std::size_t samples = 0, events = 0, sentences = 0;
+    for (auto _ : state) {
+        for (int run = 0; run < runs; ++run) {
+            Sink sink;
+            playConversation(sink);
+            std::vector<double> first, last;
+            for (const Timing& t : sink.timings) {
+                if (t.at < kWindow) first.push_back(t.micros);
+                if (t.at >= kSessionSeconds - kWindow) last.push_back(t.micros);
+            }
+            figures[0].push_back(percentile(first, 0.5));
+            figures[1].push_back(percentile(first, 0.99));
+            figures[2].push_back(percentile(last, 0.5));
+            figures[3].push_back(percentile(last, 0.99));
+            samples = sink.timings.size();
+            events = sink.log().size();
+            sentences = sink.closedSentences();
+        }
+    }
+    state.counters["deltas"] = double(samples);
     state.counters["events"] = double(events);
     state.counters["sentences"] = double(sentences);
     state.counters["first10_p50_us"] = percentile(figures[0], 0.5);
@@ -163,7 +161,65 @@ void LiveSessionPerDelta(benchmark::State& state) {
     state.counters["last10_p50_us"] = percentile(figures[2], 0.5);
     state.counters["last10_p99_us"] = percentile(figures[3], 0.5);
 }
+
+// Each delta through ingest, advance and snapshot, as the live session does it.
+struct FoldSink {
+    TranscriptSegmenter segmenter;
+    TranscriptEventLog events;
+    TranscriptReadModel::Fold fold;
+    std::vector<Timing> timings;
+
+    std::optional<TranscriptSegmenter::Directive> delta(const std::string& text, CaptureChannel c, Date at, Date anchor) {
+        const auto start = Clock::now();
+        auto directive = segmenter.ingest(text, TranscriptSegmenter::DeltaKind::source, c, at, anchor, events);
+        fold.advance(events);
+        const TranscriptSnapshot snapshot = fold.snapshot();
+        benchmark::DoNotOptimize(snapshot.sentences().size());
+        timings.push_back({at.seconds, microsSince(start)});
+        return directive;
+    }
+    void streamed(const std::string& text, CaptureChannel c, Date at) {
+        segmenter.ingest(text, TranscriptSegmenter::DeltaKind::streamedTranslation, c, at, std::nullopt, events);
+    }
+    void closeUtterance(CaptureChannel c, BoundaryReason r, Date at) { segmenter.closeUtterance(c, r, at, events); }
+    void append(TranscriptEvent e) { events.append(std::move(e)); }
+    const TranscriptEventLog& log() const { return events; }
+    std::size_t closedSentences() const { return fold.closedSentenceCount(); }
+};
+
+void LiveSessionPerDelta(benchmark::State& state) { reportOverReplays<FoldSink>(state, 5); }
 BENCHMARK(LiveSessionPerDelta)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// The caption refresh after each delta, through the live session with its frozen head.
+struct CaptionSink {
+    LiveTranscriptSession session;
+    std::vector<Timing> timings;
+    CaptionSink() { session.labelsChannels = true; }
+
+    std::optional<TranscriptSegmenter::Directive> delta(const std::string& text, CaptureChannel c, Date at, Date anchor) {
+        auto directive = session.ingest(text, TranscriptSegmenter::DeltaKind::source, c, at, anchor);
+        session.snapshot();  // as the controller has taken it already for its claims
+        const auto start = Clock::now();
+        const CaptionBlockList blocks = session.captionBlocks(true, at);
+        benchmark::DoNotOptimize(blocks.size());
+        timings.push_back({at.seconds, microsSince(start)});
+        return directive;
+    }
+    void streamed(const std::string& text, CaptureChannel c, Date at) {
+        session.ingest(text, TranscriptSegmenter::DeltaKind::streamedTranslation, c, at, std::nullopt);
+    }
+    void closeUtterance(CaptureChannel c, BoundaryReason r, Date at) { session.closeUtterance(c, r, at); }
+    void append(TranscriptEvent e) { session.append(std::move(e)); }
+    const TranscriptEventLog& log() const { return session.log(); }
+    std::size_t closedSentences() {
+        std::size_t n = 0;
+        for (const Sentence& s : session.snapshot().sentences()) n += s.isClosed;
+        return n;
+    }
+};
+
+void CaptionRefreshPerDelta(benchmark::State& state) { reportOverReplays<CaptionSink>(state, 3); }
+BENCHMARK(CaptionRefreshPerDelta)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 // A log shaped like a long session: runs of deltas on two channels and two streams,
 // broken by boundaries and results.
