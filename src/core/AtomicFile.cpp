@@ -16,7 +16,9 @@ Error writeError(const std::filesystem::path& path, const std::string& what) {
     return Error{"atomic_write_failed", "无法写入 " + path.string() + "：" + what};
 }
 
-bool writeAll(int fd, std::string_view data) {
+}  // namespace
+
+bool writeAllToDescriptor(int fd, std::string_view data) {
     while (!data.empty()) {
         const ssize_t n = ::write(fd, data.data(), data.size());
         if (n < 0) {
@@ -27,8 +29,6 @@ bool writeAll(int fd, std::string_view data) {
     }
     return true;
 }
-
-}  // namespace
 
 Expected<void> writeFileAtomically(const std::filesystem::path& path, std::string_view data,
                                    unsigned permissions) {
@@ -45,7 +45,7 @@ Expected<void> writeFileAtomically(const std::filesystem::path& path, std::strin
     if (fd < 0) return writeError(path, std::strerror(errno));
     // mkstemp creates 0600; set the mode before any byte is written.
     ::fchmod(fd, static_cast<mode_t>(permissions));
-    const bool written = writeAll(fd, data) && ::fsync(fd) == 0;
+    const bool written = writeAllToDescriptor(fd, data) && ::fsync(fd) == 0;
     const int savedErrno = errno;
     ::close(fd);
     if (!written) {

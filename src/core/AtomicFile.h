@@ -15,6 +15,9 @@ namespace osv {
 Expected<void> writeFileAtomically(const std::filesystem::path& path, std::string_view data,
                                    unsigned permissions = 0644);
 
+// Writes all of `data` to an open file descriptor, retrying short and interrupted writes.
+bool writeAllToDescriptor(int fd, std::string_view data);
+
 // The whole file. Error codes: "file_missing", "file_unreadable".
 Expected<std::string> readWholeFile(const std::filesystem::path& path);
 

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 
 #include "core/AtomicFile.h"
 #include "transcript/TranscriptEventJson.h"
@@ -16,18 +15,6 @@ namespace {
 namespace fs = std::filesystem;
 
 fs::path fileFor(const Uuid& id, const fs::path& directory) { return directory / (id.text() + ".jsonl"); }
-
-bool writeAll(int fd, std::string_view data) {
-    while (!data.empty()) {
-        const ssize_t n = ::write(fd, data.data(), data.size());
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data.remove_prefix(std::size_t(n));
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -47,7 +34,7 @@ TranscriptJournal::TranscriptJournal(const Uuid& recordingID, const fs::path& di
             if (::pread(reader, &last, 1, st.st_size - 1) != 1) last = '\n';
             ::close(reader);
         }
-        if (last != '\n') writeAll(fd_, "\n");
+        if (last != '\n') writeAllToDescriptor(fd_, "\n");
     }
 }
 
@@ -57,7 +44,7 @@ void TranscriptJournal::record(const TranscriptEventLog& log) {
     if (fd_ < 0 || written_ >= log.size()) return;
     const std::string batch = encodeJsonLines(log, written_);
     written_ = log.size();
-    writeAll(fd_, batch);
+    writeAllToDescriptor(fd_, batch);
 }
 
 void TranscriptJournal::close() {
