@@ -1,0 +1,52 @@
+#include "metering/DebugEvent.h"
+
+#include <ctime>
+
+namespace osv {
+
+std::string_view DebugEvent::label(Level level) {
+    switch (level) {
+        case Level::info: return "信息";
+        case Level::success: return "成功";
+        case Level::warning: return "警告";
+        case Level::error: return "错误";
+    }
+    return "";
+}
+
+std::string_view DebugEvent::label(Category category) {
+    switch (category) {
+        case Category::audio: return "音频";
+        case Category::openAI: return "OpenAI";
+        case Category::transcription: return "识别";
+        case Category::translation: return "翻译";
+        case Category::assistant: return "助手";
+        case Category::app: return "应用";
+    }
+    return "";
+}
+
+std::string_view DebugEvent::rawValue(Level level) {
+    static constexpr std::string_view names[] = {"info", "success", "warning", "error"};
+    return names[int(level)];
+}
+
+std::string_view DebugEvent::rawValue(Category category) {
+    static constexpr std::string_view names[] = {"audio", "openAI", "transcription", "translation", "assistant", "app"};
+    return names[int(category)];
+}
+
+std::string DebugEvent::copyText() const {
+    const std::time_t t = std::time_t(timestamp.unixSeconds());
+    std::tm local{};
+    localtime_r(&t, &local);
+    char clock[16];
+    std::strftime(clock, sizeof clock, "%H:%M:%S", &local);
+    std::string out = "[" + std::string(clock) + "] " + std::string(label(level)) + " / " + std::string(label(category));
+    out += "\n" + title;
+    if (code) out += "\ncode: " + *code;
+    if (!details.empty()) out += "\n" + details;
+    return out;
+}
+
+}  // namespace osv
