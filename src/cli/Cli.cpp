@@ -22,6 +22,12 @@ constexpr const char* kUsageText =
     "      [--perspective solo|shared] [--separated] [--repairs] [--no-refine] [--grace SECONDS]\n"
     "                                           what the router says is due at time T, as JSON\n"
     "  preview [--json]                         play the sample conversation and show its captions\n"
+    "  settings show                            the effective settings as JSON (keys only as present/absent)\n"
+    "  settings set KEY VALUE                   write one stored setting, then load and save as at launch\n"
+    "  keys set openai|google|gemini|jev [--clear]\n"
+    "                                           store the key read from standard input, or remove it\n"
+    "  models [--mode interpret|record|assist|coach] [--json]\n"
+    "                                           which model each job uses, and what is wrong with it\n"
     "  help                                     this text\n"
     "\n"
     "FILE may be - for standard input.\n";
@@ -41,6 +47,9 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
     const std::vector<std::string> rest(args.begin() + 1, args.end());
     if (command == "transcript") return runTranscript(rest, in, out, err);
     if (command == "preview") return runPreview(rest, out, err);
+    if (command == "settings") return runSettings(rest, in, out, err);
+    if (command == "keys") return runKeys(rest, in, out, err);
+    if (command == "models") return runModels(rest, out, err);
     err << "ossevra-cli: unknown command \"" << command << "\"\n\n" << kUsageText;
     return kUsage;
 }

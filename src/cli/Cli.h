@@ -17,6 +17,11 @@ inline constexpr int kUsage = 2;   // the command line or the input is malformed
 // Runs one command line (without the program name). Reads standard input from `in`.
 int run(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err);
 
+// settings show|set, keys set, models.
+int runSettings(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err);
+int runKeys(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err);
+int runModels(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
 // Plays the sample conversation and prints its captions.
 int runPreview(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 

@@ -1,0 +1,274 @@
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <istream>
+#include <iterator>
+#include <ostream>
+
+#include "cli/Cli.h"
+#include "cli/CliJson.h"
+#include "core/Paths.h"
+#include "core/Text.h"
+#include "platform/secrets/LibsecretBackend.h"
+#include "platform/storage/FileUserDefaults.h"
+#include "settings/TranslatorSettings.h"
+
+namespace osv::cli {
+namespace {
+
+using json::Json;
+
+// The program's stores, as it opens them at launch.
+struct Stores {
+    FileUserDefaults defaults{configDirectory()};
+    LibsecretBackend backend;
+    SecretStore secrets{&backend, supportDirectory()};
+    SettingsStore settings{defaults, secrets};
+
+    explicit Stores(std::ostream& err) {
+        if (defaults.loadProblem()) err << "ossevra-cli: " << *defaults.loadProblem() << "\n";
+    }
+};
+
+std::optional<std::string> environmentKey() {
+    const char* v = std::getenv("OPENAI_API_KEY");
+    if (!v || !*v) return std::nullopt;
+    return std::string(v);
+}
+
+bool openAIKeyPresent(Stores& stores, const TranslatorSettings& s) {
+    if (!text::isBlank(s.apiKey) || stores.secrets.apiKey(SecretLocation::openAI())) return true;
+    if (stores.secrets.apiKey(SecretLocation::openAILegacy())) return true;
+    return !text::isBlank(stores.defaults.string(SecretStore::kLegacyOpenAIDefaultsKey).value_or(""));
+}
+
+Json settingsJson(Stores& stores, const TranslatorSettings& s) {
+    Json j = Json::object();
+    j["capture_mode"] = rawValue(s.captureMode);
+    j["recognition_language"] = rawValue(s.recognitionLanguage);
+    j["target_language"] = rawValue(s.targetLanguage);
+    j["perspective"] = rawValue(s.perspective);
+    j["live_engine"] = rawValue(s.liveEngine);
+    j["caption_text_size"] = rawValue(s.captionTextSize);
+    j["skin"] = rawValue(s.skin);
+    j["refine_sentences"] = s.refineFinishedSentences;
+    j["separate_channels"] = s.separateChannels;
+    j["show_furigana"] = s.showFurigana;
+    j["rate_realtime_minute"] = s.usageRates.realtimePerMinuteUSD;
+    j["rate_input_million"] = s.usageRates.inputPerMillionUSD;
+    j["rate_output_million"] = s.usageRates.outputPerMillionUSD;
+    j["repair_source"] = s.repairSource;
+    j["learn_glossary"] = s.learnGlossary;
+    j["running_summary"] = s.runningSummary;
+    j["context_repair"] = s.contextRepair;
+    j["name_from_calendar"] = s.nameFromCalendar;
+    j["google_ja_voice"] = s.googleJapaneseVoice;
+    j["google_zh_voice"] = s.googleChineseVoice;
+    j["openai_ja_voice"] = s.japaneseVoice;
+    j["openai_zh_voice"] = s.chineseVoice;
+    j["speech_rate"] = s.speechRate;
+    j["speech_vendor"] = rawValue(s.speechVendor);
+    j["local_asr_policy"] = rawValue(s.localASRPolicy);
+    j["glossary"] = s.glossary;
+    j["chunk_seconds"] = s.chunkSeconds;
+    j["conversation_scene"] = s.sceneToReturnTo ? Json(rawValue(*s.sceneToReturnTo)) : Json(nullptr);
+    j["model_preferences"] = *json::parse(s.models.toJsonText());
+    auto presence = [](bool present) { return present ? "present" : "absent"; };
+    j["openai_api_key"] = presence(openAIKeyPresent(stores, s));
+    j["google_api_key"] = presence(!s.googleAPIKey.empty());
+    j["gemini_api_key"] = presence(!s.geminiAPIKey.empty());
+    j["jev_api_key"] = presence(!s.jevAPIKey.empty());
+    return j;
+}
+
+// The value as the program reads the key; none (after saying why) when it doesn't fit.
+std::optional<UserDefaults::Value> typedValue(const SettingKey& key, const std::string& raw, std::ostream& err) {
+    switch (key.type) {
+        case SettingType::text:
+            return UserDefaults::Value(raw);
+        case SettingType::number: {
+            const auto parsed = json::parse(raw);
+            const auto number = parsed ? json::as<double>(*parsed) : std::nullopt;
+            if (!number) {
+                err << "ossevra-cli: \"" << key.key << "\" takes a number, not \"" << raw << "\"\n";
+                return std::nullopt;
+            }
+            return UserDefaults::Value(*number);
+        }
+        case SettingType::boolean:
+            if (raw == "true") return UserDefaults::Value(true);
+            if (raw == "false") return UserDefaults::Value(false);
+            err << "ossevra-cli: \"" << key.key << "\" takes true or false, not \"" << raw << "\"\n";
+            return std::nullopt;
+        case SettingType::data:
+            if (!ModelPreferences::fromJsonText(raw)) {
+                err << "ossevra-cli: \"" << key.key << "\" takes a JSON object with \"base\" and \"overrides\"\n";
+                return std::nullopt;
+            }
+            return UserDefaults::Value(UserDefaults::Data(raw.begin(), raw.end()));
+    }
+    return std::nullopt;
+}
+
+int settingsShow(std::ostream& out, std::ostream& err) {
+    Stores stores(err);
+    const TranslatorSettings s = stores.settings.load(environmentKey());
+    out << json::dumpPretty(settingsJson(stores, s)) << "\n";
+    return kOk;
+}
+
+int settingsSet(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+    if (args.size() != 2) {
+        err << "usage: ossevra-cli settings set KEY VALUE\n";
+        return kUsage;
+    }
+    const auto& keys = settingKeys();
+    const auto key = std::find_if(keys.begin(), keys.end(), [&](const SettingKey& k) { return k.key == args[0]; });
+    if (key == keys.end()) {
+        err << "ossevra-cli: unknown setting \"" << args[0] << "\"; known keys:";
+        for (const auto& k : keys) err << " " << k.key;
+        err << "\n";
+        return kUsage;
+    }
+    if (key->key == SecretStore::kLegacyOpenAIDefaultsKey) {
+        err << "ossevra-cli: API keys don't go into the settings; use: ossevra-cli keys set openai\n";
+        return kUsage;
+    }
+    auto value = typedValue(*key, args[1], err);
+    if (!value) return kUsage;
+    Stores stores(err);
+    stores.defaults.set(key->key, std::move(*value));
+    // As at launch, then saved back, so that clamping and migration of the value take
+    // effect. The API keys are not touched here.
+    TranslatorSettings s = stores.settings.load(environmentKey());
+    const auto report = stores.settings.save(s);
+    for (const auto& e : report.errors) err << "ossevra-cli: " << e << "\n";
+    if (!report.errors.empty()) return kFailed;
+    out << json::dumpPretty(settingsJson(stores, s)) << "\n";
+    return kOk;
+}
+
+std::optional<SecretLocation> vendorLocation(const std::string& vendor) {
+    if (vendor == "openai") return SecretLocation::openAI();
+    if (vendor == "google") return SecretLocation::google();
+    if (vendor == "gemini") return SecretLocation::gemini();
+    if (vendor == "jev") return SecretLocation::jev();
+    return std::nullopt;
+}
+
+int keysSet(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err) {
+    static const char* usage = "usage: ossevra-cli keys set openai|google|gemini|jev [--clear]   (the key on standard input)\n";
+    std::optional<std::string> vendor;
+    bool clear = false;
+    for (const auto& a : args) {
+        if (a == "--clear") clear = true;
+        else if (!vendor && vendorLocation(a)) vendor = a;
+        else {
+            // Never echo what could be a key pasted onto the command line.
+            err << "ossevra-cli: unexpected argument; keys are read from standard input only\n" << usage;
+            return kUsage;
+        }
+    }
+    if (!vendor) {
+        err << usage;
+        return kUsage;
+    }
+    std::string key;
+    if (!clear) {
+        key = std::string(text::trimmed(std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>())));
+        if (key.empty()) {
+            err << "ossevra-cli: no key on standard input (use --clear to remove the stored key)\n";
+            return kUsage;
+        }
+    }
+    Stores stores(err);
+    const SecretLocation location = *vendorLocation(*vendor);
+    if (!stores.secrets.setAPIKey(key, location)) {
+        err << "ossevra-cli: the " << *vendor << " key could not be stored (" << stores.secrets.lastStatusText() << ")\n";
+        return kFailed;
+    }
+    switch (stores.secrets.lastPlacement()) {
+        case SecretStore::Placement::secretStore:
+            out << *vendor << " key stored in the Secret Service (" << location.service << ", " << location.account << ")\n";
+            break;
+        case SecretStore::Placement::fallbackFile:
+            out << *vendor << " key stored in " << stores.secrets.fallbackPath(location).string()
+                << " (owner-only; no Secret Service was reachable)\n";
+            break;
+        default:
+            out << *vendor << " key removed\n";
+            break;
+    }
+    return kOk;
+}
+
+int models(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+    static const char* usage = "usage: ossevra-cli models [--mode interpret|record|assist|coach] [--json]\n";
+    bool asJson = false;
+    std::optional<AppMode> mode;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--json") {
+            asJson = true;
+        } else if (args[i] == "--mode" && i + 1 < args.size() && appModeFromRaw(args[i + 1])) {
+            mode = appModeFromRaw(args[++i]);
+        } else {
+            err << "ossevra-cli: unexpected argument \"" << args[i] << "\"\n" << usage;
+            return kUsage;
+        }
+    }
+    Stores stores(err);
+    TranslatorSettings s = stores.settings.load(environmentKey());
+    if (mode) s.activeMode = *mode;
+    const auto rows = ModelWiring::rows(s, {openAIKeyPresent(stores, s), !s.geminiAPIKey.empty()});
+    const std::string summary = ModelWiring::summary(rows);
+    if (asJson) {
+        Json list = Json::array();
+        for (const auto& r : rows) {
+            Json j = Json::object();
+            j["job"] = rawValue(r.job);
+            j["model"] = r.model;
+            j["vendorName"] = r.vendorName;
+            j["price"] = optionalString(r.price);
+            j["problem"] = optionalString(r.problem);
+            j["isOverridden"] = r.isOverridden;
+            list.push_back(std::move(j));
+        }
+        Json j = Json::object();
+        j["rows"] = std::move(list);
+        j["summary"] = summary;
+        out << json::dumpPretty(j) << "\n";
+        return kOk;
+    }
+    out << "模式：" << rawValue(s.activeMode) << "\n";
+    for (const auto& r : rows) {
+        out << "  " << label(r.job) << "  " << r.model << (r.isOverridden ? "（本模式自选）" : "") << "  " << r.vendorName;
+        if (r.price) out << "  " << *r.price;
+        if (r.problem) out << "  ⚠ " << *r.problem;
+        out << "\n";
+    }
+    out << summary << "\n";
+    return kOk;
+}
+
+}  // namespace
+
+int runSettings(const std::vector<std::string>& args, std::istream&, std::ostream& out, std::ostream& err) {
+    const std::string sub = args.empty() ? "" : args[0];
+    const std::vector<std::string> rest(args.begin() + (args.empty() ? 0 : 1), args.end());
+    if (sub == "show" && rest.empty()) return settingsShow(out, err);
+    if (sub == "set") return settingsSet(rest, out, err);
+    err << "usage: ossevra-cli settings show | settings set KEY VALUE\n";
+    return kUsage;
+}
+
+int runKeys(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err) {
+    if (args.empty() || args[0] != "set") {
+        err << "usage: ossevra-cli keys set openai|google|gemini|jev [--clear]\n";
+        return kUsage;
+    }
+    return keysSet(std::vector<std::string>(args.begin() + 1, args.end()), in, out, err);
+}
+
+int runModels(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) { return models(args, out, err); }
+
+}  // namespace osv::cli

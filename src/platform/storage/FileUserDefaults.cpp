@@ -1,0 +1,116 @@
+#include "platform/storage/FileUserDefaults.h"
+
+#include <chrono>
+#include <cstring>
+
+#include "core/AtomicFile.h"
+#include "core/Json.h"
+
+namespace osv {
+namespace {
+
+namespace fs = std::filesystem;
+using json::Json;
+
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+std::string base64(const UserDefaults::Data& data) {
+    std::string out;
+    std::size_t i = 0;
+    for (; i + 2 < data.size(); i += 3) {
+        const unsigned v = unsigned(data[i]) << 16 | unsigned(data[i + 1]) << 8 | data[i + 2];
+        for (int k = 18; k >= 0; k -= 6) out.push_back(kAlphabet[(v >> k) & 63]);
+    }
+    if (i < data.size()) {
+        unsigned v = unsigned(data[i]) << 16;
+        if (i + 1 < data.size()) v |= unsigned(data[i + 1]) << 8;
+        out.push_back(kAlphabet[(v >> 18) & 63]);
+        out.push_back(kAlphabet[(v >> 12) & 63]);
+        out.push_back(i + 1 < data.size() ? kAlphabet[(v >> 6) & 63] : '=');
+        out.push_back('=');
+    }
+    return out;
+}
+
+std::optional<UserDefaults::Data> unbase64(const std::string& text) {
+    UserDefaults::Data out;
+    unsigned v = 0;
+    int bits = 0;
+    for (char c : text) {
+        if (c == '=') break;
+        const char* p = std::strchr(kAlphabet, c);
+        if (!p || c == '\0') return std::nullopt;
+        v = (v << 6) | unsigned(p - kAlphabet);
+        bits += 6;
+        if (bits >= 8) {
+            bits -= 8;
+            out.push_back(std::uint8_t((v >> bits) & 0xFF));
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+struct FileUserDefaults::Document {
+    Json values = Json::object();
+};
+
+FileUserDefaults::FileUserDefaults(fs::path directory)
+    : path_(directory / "defaults.json"), doc_(std::make_unique<Document>()) {
+    auto bytes = readWholeFile(path_);
+    if (!bytes) {
+        if (bytes.error().code != "file_missing") loadProblem_ = bytes.error().message;
+        return;
+    }
+    auto parsed = json::parse(*bytes);
+    if (parsed && parsed->is_object()) {
+        doc_->values = std::move(*parsed);
+        return;
+    }
+    // Never write over what can't be read: keep it beside, then start from defaults.
+    const auto stamp = std::chrono::duration_cast<std::chrono::seconds>(
+                           std::chrono::system_clock::now().time_since_epoch()).count();
+    const fs::path aside = path_.string() + ".corrupt-" + std::to_string(stamp);
+    std::error_code ec;
+    fs::copy_file(path_, aside, fs::copy_options::overwrite_existing, ec);
+    loadProblem_ = ec ? "设置文件无法读取，也没能另存：" + ec.message()
+                      : "设置文件无法读取，已另存为 " + aside.filename().string() + "，这次用默认设置启动。";
+}
+
+FileUserDefaults::~FileUserDefaults() = default;
+
+std::optional<UserDefaults::Value> FileUserDefaults::object(std::string_view key) const {
+    const Json* v = json::member(doc_->values, key);
+    if (!v) return std::nullopt;
+    if (v->is_string()) return Value(v->get<std::string>());
+    if (v->is_boolean()) return Value(v->get<bool>());
+    if (v->is_number()) return Value(v->get<double>());
+    if (v->is_object()) {
+        if (auto text = json::readOptional<std::string>(*v, "data"))
+            if (auto data = unbase64(*text)) return Value(std::move(*data));
+    }
+    return std::nullopt;  // a shape this build doesn't know: kept in the file, not read
+}
+
+void FileUserDefaults::set(std::string_view key, Value value) {
+    Json& slot = doc_->values[std::string(key)];
+    std::visit(
+        [&](auto&& v) {
+            using V = std::decay_t<decltype(v)>;
+            if constexpr (std::is_same_v<V, Data>) {
+                Json wrapped = Json::object();
+                wrapped["data"] = base64(v);
+                slot = std::move(wrapped);
+            } else {
+                slot = v;
+            }
+        },
+        value);
+}
+
+void FileUserDefaults::remove(std::string_view key) { doc_->values.erase(std::string(key)); }
+
+bool FileUserDefaults::synchronize() { return writeFileAtomically(path_, json::dumpPretty(doc_->values) + "\n").ok(); }
+
+}  // namespace osv
