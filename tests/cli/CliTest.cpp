@@ -194,5 +194,61 @@ TEST(Cli, RequestsExplainWhatIsDueAndWhatWaits) {
     EXPECT_EQ(runCli({"transcript", "requests", "-", "--now", "20", "--target", "korean"}, built.out).status, kUsage);
 }
 
+// Settings and keys in folders of the test's own, as a restart of the CLI sees them.
+class CliSettings : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ::setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
+        ::setenv("OSV_SUPPORT_DIR", (dir / "support").c_str(), 1);
+        ::unsetenv("OPENAI_API_KEY");
+    }
+    void TearDown() override {
+        ::unsetenv("XDG_CONFIG_HOME");
+        ::unsetenv("OSV_SUPPORT_DIR");
+        fs::remove_all(dir);
+    }
+    fs::path dir = fs::temp_directory_path() / ("osv-cli-settings-" + Uuid::random().text());
+};
+
+TEST_F(CliSettings, SetMigratesAndClampsAndShowSurvivesARestart) {
+    // Each legacy key decides while its successor isn't stored yet; the save that follows
+    // stores the successor, as a launch would.
+    ASSERT_EQ(runCli({"settings", "set", "bidirectional_translation", "false"}).status, kOk);
+    EXPECT_EQ((*json::parse(runCli({"settings", "show"}).out))["perspective"], "solo");
+    fs::remove_all(dir / "config");
+    ASSERT_EQ(runCli({"settings", "set", "google_speaking_rate", "1.3"}).status, kOk);
+    ASSERT_EQ(runCli({"settings", "set", "chunk_seconds", "20"}).status, kOk);
+    const Json shown = *json::parse(runCli({"settings", "show"}).out);
+    EXPECT_EQ(shown["speech_rate"], 1.3);
+    EXPECT_EQ(shown["chunk_seconds"], 8.0);
+    EXPECT_EQ(shown["openai_api_key"], "absent");
+    EXPECT_TRUE(shown["model_preferences"].contains("base"));
+
+    const Result wrongType = runCli({"settings", "set", "chunk_seconds", "fast"});
+    EXPECT_EQ(wrongType.status, kUsage);
+    EXPECT_NE(wrongType.err.find("takes a number"), std::string::npos);
+    EXPECT_EQ(runCli({"settings", "set", "no_such_key", "1"}).status, kUsage);
+    EXPECT_EQ(runCli({"settings", "set", "show_furigana", "maybe"}).status, kUsage);
+    EXPECT_EQ((*json::parse(runCli({"settings", "show"}).out))["chunk_seconds"], 8.0);  // nothing changed
+}
+
+TEST_F(CliSettings, KeysComeFromStandardInputAndGoToAnOwnerOnlyFile) {
+    const Result stored = runCli({"keys", "set", "gemini"}, "gm-secret-value\n");
+    ASSERT_EQ(stored.status, kOk) << stored.err;
+    EXPECT_EQ(stored.out.find("gm-secret-value"), std::string::npos);
+    EXPECT_NE(stored.out.find("gemini.key"), std::string::npos);
+    EXPECT_EQ(fs::status(dir / "support" / "gemini.key").permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ((*json::parse(runCli({"settings", "show"}).out))["gemini_api_key"], "present");
+    const Json wiring = *json::parse(runCli({"models", "--mode", "coach", "--json"}).out);
+    EXPECT_EQ(wiring["rows"].size(), 7u);
+    EXPECT_EQ(wiring["rows"][5]["model"], "gpt-4.1");
+    EXPECT_EQ(wiring["summary"], "7 项用不了，第一项是「实时同传」");  // no OpenAI key yet
+    EXPECT_EQ(runCli({"keys", "set", "gemini"}, "").status, kUsage);
+    EXPECT_EQ(runCli({"keys", "set", "gemini", "sk-on-the-command-line"}).status, kUsage);
+    EXPECT_EQ(runCli({"keys", "set", "gemini", "--clear"}).status, kOk);
+    EXPECT_FALSE(fs::exists(dir / "support" / "gemini.key"));
+}
+
 }  // namespace
 }  // namespace osv::cli
