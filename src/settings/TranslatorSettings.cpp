@@ -220,6 +220,33 @@ SettingsStore::SaveReport SettingsStore::save(TranslatorSettings& s) {
     return report;
 }
 
+ModelJob modelJob(UsageTally::Kind kind) {
+    using K = UsageTally::Kind;
+    switch (kind) {
+        case K::furigana:
+        case K::suggestion: return ModelJob::strongText;
+        case K::transcription: return ModelJob::fileTranscribe;
+        case K::coach: return ModelJob::coachAnswer;
+        case K::speech: return ModelJob::speech;
+        default: return ModelJob::fastText;  // sentence passes, repairs, glossary, summary, drafts
+    }
+}
+
+std::optional<double> estimatedUSD(UsageTally::Kind kind, std::int64_t inputTokens, std::int64_t outputTokens,
+                                   const TranslatorSettings& settings, AppMode mode) {
+    double input = 0, output = 0;
+    if (settings.usageRates.hasTokenRates()) {
+        input = settings.usageRates.inputPerMillionUSD;
+        output = settings.usageRates.outputPerMillionUSD;
+    } else {
+        const auto rate = Pricing::rate(settings.models.resolved(modelJob(kind), mode));
+        if (!rate) return std::nullopt;
+        input = rate->inputPerMillion;
+        output = rate->outputPerMillion;
+    }
+    return double(inputTokens) / 1e6 * input + double(outputTokens) / 1e6 * output;
+}
+
 namespace ModelWiring {
 
 std::optional<std::string> priceText(const std::optional<Pricing::Rate>& rate) {

@@ -123,6 +123,15 @@ private:
     SecretStore& secrets_;
 };
 
+// The job whose model prices a lane's tokens of this usage kind.
+ModelJob modelJob(UsageTally::Kind kind);
+
+// The cost of one lane run: the user's own token rates when either is above 0, else the
+// table's price of the model the preferences give the kind's job in `mode`; none when
+// neither is known (not 0: an unknown price is not a free one).
+std::optional<double> estimatedUSD(UsageTally::Kind kind, std::int64_t inputTokens, std::int64_t outputTokens,
+                                   const TranslatorSettings& settings, AppMode mode);
+
 // What each job will really use in the settings' mode, and what is wrong with it.
 namespace ModelWiring {
 

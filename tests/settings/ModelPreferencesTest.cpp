@@ -77,5 +77,16 @@ TEST(ModelWiring, RowsShowTheVendorPriceAndTheFirstProblem) {
     EXPECT_EQ(ModelWiring::priceText(std::nullopt), std::nullopt);
 }
 
+TEST(LanePrice, UsesOwnRatesElseTheModelsPriceElseNothing) {
+    TranslatorSettings s;
+    // A sentence pass runs on the fast model: gpt-4.1-mini at 0.4 / 1.6.
+    EXPECT_NEAR(*estimatedUSD(UsageTally::Kind::refine, 1'000'000, 500'000, s, AppMode::interpret), 1.2, 1e-9);
+    s.models.set("in-house-model", ModelJob::fastText, AppMode::assist);
+    EXPECT_EQ(estimatedUSD(UsageTally::Kind::refine, 10, 10, s, AppMode::assist), std::nullopt);
+    s.usageRates.outputPerMillionUSD = 2;
+    EXPECT_NEAR(*estimatedUSD(UsageTally::Kind::refine, 1'000'000, 1'000'000, s, AppMode::assist), 2.0, 1e-9);
+    EXPECT_EQ(modelJob(UsageTally::Kind::furigana), ModelJob::strongText);
+}
+
 }  // namespace
 }  // namespace osv
