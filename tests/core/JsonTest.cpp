@@ -44,3 +44,21 @@ TEST(Json, WritesFractionalSecondsThatReadBackExactly) {
 
 }  // namespace
 }  // namespace osv::json
+
+#include "core/Base64.h"
+
+namespace osv {
+namespace {
+
+TEST(Base64, RoundTripsEveryLengthAndRejectsForeignText) {
+    std::vector<std::uint8_t> data;
+    for (int n = 0; n < 10; ++n) {
+        EXPECT_EQ(base64Decode(base64Encode(data)), data) << n;
+        data.push_back(std::uint8_t(250 - n * 7));
+    }
+    EXPECT_EQ(base64Encode(std::vector<std::uint8_t>{'M', 'a'}), "TWE=");
+    EXPECT_FALSE(base64Decode("TW*="));
+}
+
+}  // namespace
+}  // namespace osv

@@ -1,9 +1,9 @@
 #include "platform/storage/FileUserDefaults.h"
 
 #include <chrono>
-#include <cstring>
 
 #include "core/AtomicFile.h"
+#include "core/Base64.h"
 #include "core/Json.h"
 
 namespace osv {
@@ -11,44 +11,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using json::Json;
-
-constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-std::string base64(const UserDefaults::Data& data) {
-    std::string out;
-    std::size_t i = 0;
-    for (; i + 2 < data.size(); i += 3) {
-        const unsigned v = unsigned(data[i]) << 16 | unsigned(data[i + 1]) << 8 | data[i + 2];
-        for (int k = 18; k >= 0; k -= 6) out.push_back(kAlphabet[(v >> k) & 63]);
-    }
-    if (i < data.size()) {
-        unsigned v = unsigned(data[i]) << 16;
-        if (i + 1 < data.size()) v |= unsigned(data[i + 1]) << 8;
-        out.push_back(kAlphabet[(v >> 18) & 63]);
-        out.push_back(kAlphabet[(v >> 12) & 63]);
-        out.push_back(i + 1 < data.size() ? kAlphabet[(v >> 6) & 63] : '=');
-        out.push_back('=');
-    }
-    return out;
-}
-
-std::optional<UserDefaults::Data> unbase64(const std::string& text) {
-    UserDefaults::Data out;
-    unsigned v = 0;
-    int bits = 0;
-    for (char c : text) {
-        if (c == '=') break;
-        const char* p = std::strchr(kAlphabet, c);
-        if (!p || c == '\0') return std::nullopt;
-        v = (v << 6) | unsigned(p - kAlphabet);
-        bits += 6;
-        if (bits >= 8) {
-            bits -= 8;
-            out.push_back(std::uint8_t((v >> bits) & 0xFF));
-        }
-    }
-    return out;
-}
 
 }  // namespace
 
@@ -88,7 +50,7 @@ std::optional<UserDefaults::Value> FileUserDefaults::object(std::string_view key
     if (v->is_number()) return Value(v->get<double>());
     if (v->is_object()) {
         if (auto text = json::readOptional<std::string>(*v, "data"))
-            if (auto data = unbase64(*text)) return Value(std::move(*data));
+            if (auto data = base64Decode(*text)) return Value(std::move(*data));
     }
     return std::nullopt;  // a shape this build doesn't know: kept in the file, not read
 }
@@ -100,7 +62,7 @@ void FileUserDefaults::set(std::string_view key, Value value) {
             using V = std::decay_t<decltype(v)>;
             if constexpr (std::is_same_v<V, Data>) {
                 Json wrapped = Json::object();
-                wrapped["data"] = base64(v);
+                wrapped["data"] = base64Encode(v);
                 slot = std::move(wrapped);
             } else {
                 slot = v;
