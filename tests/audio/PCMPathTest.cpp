@@ -179,19 +179,27 @@ TEST(LiveAudioMixer, PairsByArrivalAndLetsAStalledSideCostAtMost300ms) {
 
 TEST(LiveAudioMixer, TwoCaptureThreadsAndADrainLoseNoSample) {
     LiveAudioMixer m;
-    std::size_t drained = 0;
+    std::size_t systemSamples = 0, microphoneSamples = 0;
+    auto count = [&](const LiveAudioMixer::Output& out) {
+        const auto stereo = samplesOf(out.stereo);
+        for (std::size_t i = 0; i + 1 < stereo.size(); i += 2) {
+            systemSamples += stereo[i] == 1;
+            microphoneSamples += stereo[i + 1] == 2;
+        }
+    };
     std::thread system([&] {
         for (int i = 0; i < 500; ++i) m.appendSystem(chunk(96, 1));
     });
     std::thread microphone([&] {
-        for (int i = 0; i < 500; ++i) m.appendMicrophone(chunk(96, 1));
+        for (int i = 0; i < 500; ++i) m.appendMicrophone(chunk(96, 2));
     });
     for (int i = 0; i < 2000; ++i)
-        if (auto out = m.drain(false)) drained += out->mono.size() / 2;
+        if (auto out = m.drain(false)) count(*out);
     system.join();
     microphone.join();
-    if (auto out = m.drain(true)) drained += out->mono.size() / 2;
-    EXPECT_EQ(drained, 500u * 96u);
+    if (auto out = m.drain(true)) count(*out);
+    EXPECT_EQ(systemSamples, 500u * 96u);
+    EXPECT_EQ(microphoneSamples, 500u * 96u);
 }
 
 }  // namespace
