@@ -10,6 +10,13 @@ void LiveAudioMixer::setExpected(bool system, bool microphone) {
     expectMicrophone_ = microphone;
 }
 
+void LiveAudioMixer::reset() {
+    std::lock_guard guard(lock_);
+    systemSamples_.clear();
+    micSamples_.clear();
+    expectSystem_ = expectMicrophone_ = true;
+}
+
 void LiveAudioMixer::append(std::deque<std::int16_t>& side, const PCMBytes& bytes) {
     if (bytes.size() < 2) return;
     std::lock_guard guard(lock_);

@@ -24,6 +24,8 @@ public:
     static constexpr std::size_t kStallSamples = 7'200;      // 300 ms
 
     void setExpected(bool system, bool microphone);
+    // Empties both sides, for a new session.
+    void reset();
     void appendSystem(const PCMBytes& bytes);
     void appendMicrophone(const PCMBytes& bytes);
     // What can be mixed now; with `flush`, everything.

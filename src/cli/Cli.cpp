@@ -28,6 +28,9 @@ constexpr const char* kUsageText =
     "                                           store the key read from standard input, or remove it\n"
     "  models [--mode interpret|record|assist|coach] [--json]\n"
     "                                           which model each job uses, and what is wrong with it\n"
+    "  audio devices                            sources and sinks, the defaults, echo cancelling\n"
+    "  audio record --mode mixed|systemAudio|microphone --seconds N --out DIR [--separate]\n"
+    "      [--chunk-seconds S]                  record chunk files, one line a second per channel\n"
     "  help                                     this text\n"
     "\n"
     "FILE may be - for standard input.\n";
@@ -50,6 +53,7 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
     if (command == "settings") return runSettings(rest, in, out, err);
     if (command == "keys") return runKeys(rest, in, out, err);
     if (command == "models") return runModels(rest, out, err);
+    if (command == "audio") return runAudio(rest, out, err);
     err << "ossevra-cli: unknown command \"" << command << "\"\n\n" << kUsageText;
     return kUsage;
 }

@@ -22,6 +22,9 @@ int runSettings(const std::vector<std::string>& args, std::istream& in, std::ost
 int runKeys(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err);
 int runModels(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
+// audio devices, audio record.
+int runAudio(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
 // Plays the sample conversation and prints its captions.
 int runPreview(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
