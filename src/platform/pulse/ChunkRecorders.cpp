@@ -179,11 +179,11 @@ std::optional<fs::path> SystemAudioChunkRecorder::finishChunk(bool emit) {
     const bool completed = writer->finish().ok() && writer->framesWritten() > 0;
     std::error_code ec;
     const auto size = fs::file_size(path, ec);
-    if (!completed || ec || size <= minimumChunkBytes_) {
+    // A chunk nobody will receive is not left behind in the temporary folder.
+    if (!completed || ec || size <= minimumChunkBytes_ || !emit) {
         fs::remove(path, ec);
         return std::nullopt;
     }
-    if (!emit) return std::nullopt;
     return path;
 }
 
@@ -192,13 +192,7 @@ std::optional<fs::path> SystemAudioChunkRecorder::stop(bool emitFinalChunk) {
     running_ = false;
     capture_.stop();
     std::lock_guard guard(lock_);
-    auto last = finishChunk(emitFinalChunk);
-    if (!emitFinalChunk && last) {
-        std::error_code ec;
-        fs::remove(*last, ec);
-        return std::nullopt;
-    }
-    return last;
+    return finishChunk(emitFinalChunk);
 }
 
 // ---- both ----
@@ -304,10 +298,10 @@ std::optional<fs::path> MixedAudioChunkRecorder::finishChunk(bool emit) {
         if (emit && callbacks_.onLevel) callbacks_.onLevel(0);
         return std::nullopt;
     }
+    if (!emit) return std::nullopt;  // nobody receives it: no file
     const fs::path path = temporaryChunk("osv-mixed-", ".wav");
     if (!writeBytes(path, PCM16WavWriter::data(pcm, kWorkingSampleRate, preserveRecordingChannels_ ? 2 : 1)))
         return std::nullopt;
-    if (!emit) return std::nullopt;
     return path;
 }
 
