@@ -183,8 +183,8 @@ struct PulseCapture::Impl {
 
     bool connectStream(const std::string& name) {
         dropStream();
-        pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, std::uint32_t(format.sampleRate), std::uint8_t(format.channels)};
-        stream = pa_stream_new(connection.context, "Ossevra capture", &spec, nullptr);
+        pa_sample_spec sampleSpec{PA_SAMPLE_FLOAT32LE, std::uint32_t(format.sampleRate), std::uint8_t(format.channels)};
+        stream = pa_stream_new(connection.context, "Ossevra capture", &sampleSpec, nullptr);
         if (!stream) return false;
         pa_stream_set_read_callback(stream, &Impl::onRead, this);
         pa_stream_set_state_callback(stream, &Impl::onStreamState, this);

@@ -21,18 +21,19 @@ const SecretSchema* schema() {
 }  // namespace
 
 bool LibsecretBackend::isAvailable() {
+    if (available_) return *available_;
     // Without a session bus there is nothing to ask; with one, a Secret Service must answer.
     const char* bus = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-    if (!bus || !*bus) return false;
+    if (!bus || !*bus) return *(available_ = false);
     GError* error = nullptr;
     SecretService* service = secret_service_get_sync(SECRET_SERVICE_NONE, nullptr, &error);
     if (error) {
         lastMessage_ = error->message;
         g_error_free(error);
-        return false;
+        return *(available_ = false);
     }
     if (service) g_object_unref(service);
-    return service != nullptr;
+    return *(available_ = service != nullptr);
 }
 
 int LibsecretBackend::failed(const std::string& message) {

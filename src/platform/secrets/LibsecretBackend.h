@@ -4,6 +4,7 @@
 // Items carry the attributes "service" and "account". Calls block; run them off the main
 // thread where a prompt could appear.
 
+#include <optional>
 #include <string>
 
 #include "settings/SecretStore.h"
@@ -22,6 +23,9 @@ public:
 private:
     int failed(const std::string& message);
     std::string lastMessage_;
+    // The first answer stands for the process: asking D-Bus on every key read would cost a
+    // round trip (or an activation attempt) each time.
+    std::optional<bool> available_;
 };
 
 }  // namespace osv
