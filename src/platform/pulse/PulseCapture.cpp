@@ -2,6 +2,7 @@
 
 #include <pulse/pulseaudio.h>
 
+#include <atomic>
 #include <mutex>
 
 namespace osv {
@@ -163,8 +164,8 @@ struct PulseCapture::Impl {
     bool pinnedToEchoCancel = false;
     OnFrames onFrames;
     OnEvent onEvent;
-    bool running = false;
-    mutable std::mutex state;  // guards `device` and `running` for readers on other threads
+    std::atomic<bool> running{false};
+    mutable std::mutex state;  // guards `device` for readers on other threads
 
     // The device this capture should use, given the server's defaults.
     std::string wanted(const ServerDefaults& d) const {
