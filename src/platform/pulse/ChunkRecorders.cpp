@@ -25,6 +25,14 @@ PCMBufferView viewOf(const float* data, std::size_t frames, const PulseCapture::
                          true, false};
 }
 
+// What every capture buffer gives at once: the level, and the working format for the wire.
+void deliverLive(const PCMBufferView& view, const RecorderCallbacks& callbacks) {
+    if (callbacks.onLevel) callbacks.onLevel(AudioLevelMeter::normalizedLevel(view));
+    if (!callbacks.onRealtimePCM) return;
+    PCMBytes pcm = RealtimePCMEncoder::pcm16Mono24k(view);
+    if (!pcm.empty()) callbacks.onRealtimePCM(pcm);
+}
+
 std::size_t framesFor(double seconds, int sampleRate) {
     return std::max<std::size_t>(1, std::size_t(seconds * double(sampleRate)));
 }
@@ -78,12 +86,7 @@ Expected<void> AudioChunkRecorder::start(double chunkSeconds, RecorderCallbacks 
 }
 
 void AudioChunkRecorder::onFrames(const float* data, std::size_t frames, const PulseCapture::Format& format) {
-    const PCMBufferView view = viewOf(data, frames, format);
-    if (callbacks_.onLevel) callbacks_.onLevel(AudioLevelMeter::normalizedLevel(view));
-    if (callbacks_.onRealtimePCM) {
-        PCMBytes pcm = RealtimePCMEncoder::pcm16Mono24k(view);
-        if (!pcm.empty()) callbacks_.onRealtimePCM(pcm);
-    }
+    deliverLive(viewOf(data, frames, format), callbacks_);
     if (!produceChunkFiles_) return;
     std::optional<fs::path> finished;
     {
@@ -160,12 +163,7 @@ void SystemAudioChunkRecorder::onFrames(const float* data, std::size_t frames, c
         framesInChunk_ += frames;
         if (framesInChunk_ >= framesPerChunk_) finished = finishChunk(true);
     }
-    const PCMBufferView view = viewOf(data, frames, format);
-    if (callbacks_.onLevel) callbacks_.onLevel(AudioLevelMeter::normalizedLevel(view));
-    if (callbacks_.onRealtimePCM) {
-        PCMBytes pcm = RealtimePCMEncoder::pcm16Mono24k(view);
-        if (!pcm.empty()) callbacks_.onRealtimePCM(pcm);
-    }
+    deliverLive(viewOf(data, frames, format), callbacks_);
     if (finished && callbacks_.onChunk) callbacks_.onChunk(*finished);
 }
 
