@@ -80,4 +80,25 @@ Date play(LiveTranscriptSession& session, Date start) {
     return t;
 }
 
+RecordingEntry makeRecording(Date now) {
+    LiveTranscriptSession session;
+    session.labelsChannels = true;
+    // The script's length is known once it has played; it is played again to end at `now`.
+    const double length = play(session, Date(0.0)) - Date(0.0);
+    const Date start = now - length;
+    const Date end = play(session, start);
+
+    RecordingEntry entry = RecordingEntry::make(RecordingKind::live, RecordingStatus::complete, SessionLabel::interpret,
+                                                AudioCaptureMode::mixed, RecognitionLanguage::automatic, start);
+    entry.title = RecordingEntry::composedTitle(SessionLabel::interpret, "新报价说明（示例）");
+    entry.titleIsAuto = false;
+    entry.updatedAt = end;
+    entry.duration = length;
+    const TranscriptSnapshot& snapshot = session.snapshot();
+    entry.segments = snapshot.transcriptSegments(snapshot.usesMultipleChannels());
+    entry.refreshDerivedText();
+    entry.eventLog = session.log();
+    return entry;
+}
+
 }  // namespace osv::PreviewTranscript

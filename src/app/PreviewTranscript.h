@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "recordings/RecordingEntry.h"
 #include "transcript/LiveTranscriptSession.h"
 
 namespace osv::PreviewTranscript {
@@ -28,5 +29,9 @@ const std::vector<Line>& script();
 
 // Plays the script into `session` (reset first) from `start`; returns when it ended.
 Date play(LiveTranscriptSession& session, Date start);
+
+// A finished live recording of the script, its log folded into segments, as the history
+// shows it. The conversation ends at `now`.
+RecordingEntry makeRecording(Date now);
 
 }  // namespace osv::PreviewTranscript

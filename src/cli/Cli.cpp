@@ -31,6 +31,11 @@ constexpr const char* kUsageText =
     "  audio devices                            sources and sinks, the defaults, echo cancelling\n"
     "  audio record --mode mixed|systemAudio|microphone --seconds N --out DIR [--separate]\n"
     "      [--chunk-seconds S]                  record chunk files, one line a second per channel\n"
+    "  recordings list                          the stored recordings, newest first\n"
+    "  recordings show ID                       one recording as JSON\n"
+    "  recordings export-md [ID] [--out FILE]   the transcript as Markdown (the newest without ID)\n"
+    "  recordings rename ID TITLE               give a recording a title\n"
+    "  recordings delete ID                     delete a recording and every file it owns\n"
     "  help                                     this text\n"
     "\n"
     "FILE may be - for standard input.\n";
@@ -54,6 +59,7 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
     if (command == "keys") return runKeys(rest, in, out, err);
     if (command == "models") return runModels(rest, out, err);
     if (command == "audio") return runAudio(rest, out, err);
+    if (command == "recordings") return runRecordings(rest, out, err);
     err << "ossevra-cli: unknown command \"" << command << "\"\n\n" << kUsageText;
     return kUsage;
 }

@@ -28,6 +28,9 @@ int runAudio(const std::vector<std::string>& args, std::ostream& out, std::ostre
 // Plays the sample conversation and prints its captions.
 int runPreview(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
+// recordings list|show|export-md|rename|delete.
+int runRecordings(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
 // The transcript commands: fold, compact, build, captions, requests.
 int runTranscript(const std::vector<std::string>& args, std::istream& in, std::ostream& out, std::ostream& err);
 

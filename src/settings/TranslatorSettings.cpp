@@ -44,6 +44,12 @@ std::string_view rawValue(CaptionTextSize v) { return kTextSizes[std::size_t(v)]
 std::string_view rawValue(Skin v) { return kSkins[std::size_t(v)]; }
 std::string_view rawValue(LocalASRPolicy v) { return kASR[std::size_t(v)]; }
 std::string_view rawValue(ConversationScene v) { return kScenes[std::size_t(v)]; }
+std::optional<AudioCaptureMode> captureModeFromRaw(std::string_view raw) {
+    return parse<AudioCaptureMode>(std::string(raw), kCaptureModes);
+}
+std::optional<RecognitionLanguage> recognitionLanguageFromRaw(std::string_view raw) {
+    return parse<RecognitionLanguage>(std::string(raw), kRecognition);
+}
 
 AppMode appMode(ConversationScene scene) {
     switch (scene) {

@@ -34,6 +34,8 @@ std::string_view rawValue(CaptionTextSize v);
 std::string_view rawValue(Skin v);
 std::string_view rawValue(LocalASRPolicy v);
 std::string_view rawValue(ConversationScene v);
+std::optional<AudioCaptureMode> captureModeFromRaw(std::string_view raw);
+std::optional<RecognitionLanguage> recognitionLanguageFromRaw(std::string_view raw);
 
 // The mode a scene starts in.
 AppMode appMode(ConversationScene scene);

@@ -1,0 +1,120 @@
+#pragma once
+
+// One session that left a trace, live or manual, as the index keeps it; its titles and
+// the Markdown a user pastes into notes.
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "core/Date.h"
+#include "core/Uuid.h"
+#include "metering/UsageTally.h"
+#include "recordings/StoredValues.h"
+#include "settings/TranslatorSettings.h"
+#include "transcript/TranscriptEvent.h"
+#include "transcript/TranscriptSegment.h"
+
+namespace osv {
+
+enum class RecordingKind { manual, live };
+enum class SessionLabel { interpret, record, assist, coach };
+enum class RecordingStatus { ready, recording, transcribing, translating, complete, failed };
+enum class RecordingFeedback { none, good, bad };
+enum class AssistCaptionDisposition { automatic, mine, theirs, blocked };
+
+std::string_view rawValue(RecordingKind v);
+std::string_view rawValue(SessionLabel v);
+std::string_view rawValue(RecordingStatus v);
+std::string_view rawValue(RecordingFeedback v);
+std::string_view rawValue(AssistCaptionDisposition v);
+std::optional<SessionLabel> sessionLabelFromRaw(std::string_view raw);
+std::optional<RecordingStatus> recordingStatusFromRaw(std::string_view raw);
+std::optional<RecordingFeedback> recordingFeedbackFromRaw(std::string_view raw);
+std::optional<AssistCaptionDisposition> assistCaptionDispositionFromRaw(std::string_view raw);
+// "同传", "录音", "助答", "陪练".
+std::string_view modeWord(SessionLabel label);
+
+struct RecordingEntry {
+    Uuid id;
+    int schemaVersion = 1;
+    std::string title;
+    Date createdAt;
+    Date updatedAt;
+    RecordingKind kind = RecordingKind::manual;
+    SessionLabel mode = SessionLabel::record;
+    AudioCaptureMode captureMode = AudioCaptureMode::systemAudio;
+    RecognitionLanguage language = RecognitionLanguage::automatic;
+    double duration = 0;  // seconds of audio
+    std::int64_t byteSize = 0;
+    std::optional<std::string> relativeAudioPath;  // "Recordings/<file>", below the support directory
+    std::string sourceText;                        // derived from segments
+    std::string translatedText;
+    std::vector<TranscriptSegment> segments;  // by sequence, then startedAt
+    std::optional<SessionSummary> summary;
+    std::vector<CoachReview> coachCards;
+    std::vector<ResponseSuggestion> suggestions;
+    std::map<Uuid, std::string> suggestionFurigana;
+    std::map<Uuid, AssistCaptionDisposition> assistCaptionDispositions;
+    std::optional<TranscriptEventLog> eventLog;  // inline until filed under transcripts/
+    RecordingStatus status = RecordingStatus::ready;
+    bool isLikelySilent = false;
+    double peakLevel = 0;
+    double averageLevel = 0;
+    std::int64_t levelSampleCount = 0;
+    std::int64_t segmentCount = 0;  // kept when segments are trimmed
+    std::optional<std::string> errorMessage;
+    RecordingFeedback feedback = RecordingFeedback::none;
+    UsageTally usage;
+    bool titleIsAuto = false;
+    std::optional<double> replayStartupDuration;
+    std::optional<Date> replayStopRequestedAt;
+    std::optional<std::string> importedAudioFilename;
+    std::optional<RecordingProcessingTrace> processingTrace;
+
+    // Members a newer build wrote that this one does not know, as key and JSON text. They
+    // are written back after the known keys, so an older build's save never drops them.
+    std::vector<std::pair<std::string, std::string>> unknownFields;
+
+    // A fresh entry: mode "record" for a manual one, `liveLabel` for a live one; titled by
+    // the clock of `now`.
+    static RecordingEntry make(RecordingKind kind, RecordingStatus status, SessionLabel liveLabel,
+                               AudioCaptureMode captureMode, RecognitionLanguage language, Date now);
+
+    // Replaces the segment with the same id (or, for a sequence above 0, the same
+    // sequence) or appends, keeps the order, and refreshes the derived text.
+    void upsertSegmentInTimelineOrder(const TranscriptSegment& segment);
+    void removeSegment(const Uuid& segmentID);
+    // Sorts the whole list only when the segment at `index` is out of order with a neighbour.
+    void resortIfNeeded(std::size_t index);
+    void refreshDerivedText();
+
+    // Titles. The clock is "M月d日 HH:mm" in the user's time zone (or `timeZone`).
+    static std::string composedTitle(SessionLabel mode, std::string_view topic);
+    static std::optional<std::string> topic(std::string_view title);
+    static bool isClockOnly(std::string_view text);
+    static std::string stripLeadingModeWords(std::string_view text);
+    static std::string clock(Date date, std::string_view timeZone = {});
+    // "同传 {date}" or "录音 {date}": what an entry without a usable title is called.
+    static std::string fallbackTitle(RecordingKind kind, Date createdAt, std::string_view timeZone = {});
+
+    bool operator==(const RecordingEntry&) const = default;
+};
+
+// Sorts by sequence, then startedAt; stable.
+void sortSegments(std::vector<TranscriptSegment>& segments);
+// Trimmed texts, the empty ones left out, joined by blank lines.
+std::string joinedNonEmptyBlocks(const std::vector<std::string_view>& texts);
+
+// Auto titles become `composedTitle(mode, topic ?? clock(createdAt))`; typed titles stay.
+void relabelPlaceholderTitles(std::vector<RecordingEntry>& entries, std::string_view timeZone = {});
+
+// The transcript as Markdown: title, creation date, kind, language, then each sentence
+// with its translation quoted under it.
+std::string transcriptMarkdown(const RecordingEntry& entry, std::string_view timeZone = {});
+
+}  // namespace osv

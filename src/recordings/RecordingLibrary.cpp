@@ -1,0 +1,347 @@
+#include "recordings/RecordingLibrary.h"
+
+#include <algorithm>
+#include <cmath>
+#include <unistd.h>
+
+#include "core/AtomicFile.h"
+#include "core/DateFormat.h"
+#include "recordings/RecordingEntryJson.h"
+#include "recordings/SerialIndexWriter.h"
+#include "transcript/TranscriptJournal.h"
+
+namespace osv {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kLogsFiledPerPass = 8;
+constexpr std::string_view kInterruptedNotice = "上次会话没有正常结束";
+constexpr std::string_view kUnmergedNotice = "同传音频尚未合并";
+constexpr std::string_view kCaptionsOnlyNotice = "上次会话没有正常结束，字幕已恢复；录音尚未恢复。";
+
+bool startsWith(std::string_view s, std::string_view prefix) { return s.substr(0, prefix.size()) == prefix; }
+
+double finiteOrZero(double v) { return std::isfinite(v) ? v : 0.0; }
+
+// Keeps an index this build could not read under a name no save ever writes, before the
+// first save replaces it: the backup alone would be overwritten by the save after.
+std::optional<fs::path> setAside(const fs::path& index, Date now) {
+    fs::path aside = index;
+    aside += ".unreadable-" + formatDate(now, "yyyyMMdd-HHmmss");
+    if (::link(index.c_str(), aside.c_str()) == 0) return aside;
+    auto bytes = readWholeFile(index);
+    if (bytes && writeFileAtomically(aside, *bytes)) return aside;
+    return std::nullopt;
+}
+
+}  // namespace
+
+RecordingLibrary::RecordingLibrary(Scheduler& scheduler, Options options, Hooks hooks, Recovery recovery)
+    : scheduler_(scheduler),
+      options_(std::move(options)),
+      hooks_(std::move(hooks)),
+      recovery_(std::move(recovery)),
+      paths_{options_.supportDirectory},
+      indexWriter_(std::make_shared<SerialIndexWriter>()) {}
+
+RecordingLibrary::~RecordingLibrary() = default;
+
+RecordingEntry* RecordingLibrary::find(const Uuid& id) {
+    auto it = std::find_if(recordings_.begin(), recordings_.end(), [&](const RecordingEntry& e) { return e.id == id; });
+    return it == recordings_.end() ? nullptr : &*it;
+}
+
+const RecordingEntry* RecordingLibrary::recording(const Uuid& id) const {
+    return const_cast<RecordingLibrary*>(this)->find(id);
+}
+
+const RecordingEntry* RecordingLibrary::selectedRecording() const {
+    return selectedRecordingID_ ? recording(*selectedRecordingID_) : nullptr;
+}
+
+void RecordingLibrary::select(const std::optional<Uuid>& id) {
+    selectedRecordingID_ = id;
+    if (hooks_.setLatestSummary) {
+        const RecordingEntry* e = selectedRecording();
+        hooks_.setLatestSummary(e ? e->summary : std::nullopt);
+    }
+    if (hooks_.refreshCaptionColumns) hooks_.refreshCaptionColumns();
+}
+
+void RecordingLibrary::debug(DebugEvent::Level level, std::string title, std::string details,
+                             std::optional<std::string> code) {
+    if (!hooks_.debug) return;
+    hooks_.debug(DebugEvent{Uuid::random(), scheduler_.now(), level, DebugEvent::Category::app, std::move(title),
+                            std::move(details), std::move(code)});
+}
+
+void RecordingLibrary::loadRecordings() {
+    // 1. The preview shows its one entry and reads nothing.
+    if (isPreview()) {
+        recordings_ = {options_.previewRecording()};
+        select(recordings_.front().id);
+        return;
+    }
+    // 2.
+    paths_.ensureLibraryDirectories();
+    if (recovery_.adoptTranscriptsFromLogDirectory) recovery_.adoptTranscriptsFromLogDirectory(*this);
+
+    // 3. A missing index is a first launch; an unreadable one is reported and kept.
+    std::vector<RecordingEntry> entries;
+    std::size_t skipped = 0;
+    auto bytes = IndexBytes::read(paths_.index());
+    Expected<LossyRecordingEntryList> decoded =
+        bytes ? decodeRecordingEntryList(*bytes, scheduler_.now()) : Expected<LossyRecordingEntryList>(bytes.error());
+    if (decoded) {
+        entries = std::move(decoded->entries);
+        skipped = decoded->skippedCount;
+    } else if (decoded.error().code != "file_missing") {
+        const auto aside = setAside(paths_.index(), scheduler_.now());
+        if (hooks_.setLastError) hooks_.setLastError("读取历史记录失败：" + decoded.error().message);
+        debug(DebugEvent::Level::error, "读取历史记录失败",
+              decoded.error().message + (aside ? "\n原文件另存为 " + aside->filename().string() : std::string()),
+              "recording_index_decode_failed");
+    }
+
+    // 4.
+    if (recovery_.settleInterruptedRecordings) recovery_.settleInterruptedRecordings(entries);
+    relabelPlaceholderTitles(entries, options_.timeZone);
+    std::stable_sort(entries.begin(), entries.end(),
+                     [](const RecordingEntry& a, const RecordingEntry& b) { return a.createdAt > b.createdAt; });
+    recordings_ = std::move(entries);
+
+    // 5.
+    knownRecordingIDs_.clear();
+    for (const RecordingEntry& e : recordings_) knownRecordingIDs_.insert(e.id);
+
+    // 6.
+    reconcileStaleCrashNotices();
+
+    // 7.
+    select(recordings_.empty() ? std::nullopt : std::optional<Uuid>(recordings_.front().id));
+
+    // 8.
+    if (skipped > 0) {
+        if (hooks_.setLastError) hooks_.setLastError("有历史记录读不出来，已原样保留");
+        debug(DebugEvent::Level::warning, "有历史记录读不出来，已原样保留",
+              "skipped: " + std::to_string(skipped) + "，备份见 recordings.json.bak", "recording_index_partial_decode");
+    }
+
+    // 9.
+    if (recovery_.recoverAbandonedSessions) recovery_.recoverAbandonedSessions(*this);
+    if (recovery_.recoverUnmergedLiveAudio) recovery_.recoverUnmergedLiveAudio(*this);
+    if (recovery_.adoptOrphanedAudio) recovery_.adoptOrphanedAudio(*this);
+}
+
+void RecordingLibrary::reconcileStaleCrashNotices() {
+    bool changed = false;
+    for (RecordingEntry& e : recordings_) {
+        if (!e.errorMessage || !(startsWith(*e.errorMessage, kInterruptedNotice) || startsWith(*e.errorMessage, kUnmergedNotice)))
+            continue;
+        std::error_code ec;
+        const auto audio = e.relativeAudioPath ? paths_.resolve(*e.relativeAudioPath) : std::nullopt;
+        if (audio && fs::exists(*audio, ec)) {
+            e.errorMessage.reset();
+            changed = true;
+        } else if (e.segmentCount > 0 && *e.errorMessage != kCaptionsOnlyNotice) {
+            e.errorMessage = std::string(kCaptionsOnlyNotice);
+            changed = true;
+        }
+    }
+    if (changed) persistRecordingsNow();
+}
+
+void RecordingLibrary::insertRecording(RecordingEntry entry) { recordings_.insert(recordings_.begin(), std::move(entry)); }
+
+void RecordingLibrary::updateRecording(const Uuid& id, bool persist, const std::function<void(RecordingEntry&)>& mutate) {
+    RecordingEntry* e = find(id);
+    if (!e) return;
+    mutate(*e);
+    if (e->mode == SessionLabel::record && selectedRecordingID_ == id && hooks_.dropCaptionCache)
+        hooks_.dropCaptionCache(id);
+    if (hooks_.refreshCaptionColumns) hooks_.refreshCaptionColumns();
+    if (persist) scheduleSaveRecordings();
+}
+
+void RecordingLibrary::renameRecording(const Uuid& id, std::string_view to) {
+    const Date now = scheduler_.now();
+    updateRecording(id, true, [&](RecordingEntry& e) {
+        e.title = std::string(to);
+        e.titleIsAuto = false;
+        e.updatedAt = now;
+    });
+}
+
+void RecordingLibrary::setSelectedFeedback(RecordingFeedback feedback) {
+    if (!selectedRecordingID_) return;
+    const Uuid id = *selectedRecordingID_;
+    updateRecording(id, true, [&](RecordingEntry& e) { e.feedback = feedback; });
+    debug(DebugEvent::Level::info, "记录反馈", "recording: " + id.text() + "\nfeedback: " + std::string(rawValue(feedback)),
+          std::nullopt);
+}
+
+void RecordingLibrary::scheduleSaveRecordings() {
+    if (pendingSaveTask_.isPending()) return;
+    pendingSaveTask_ = scheduler_.after(options_.saveDelaySeconds, [this, guard = lifetime_.guard()] {
+        if (guard.expired()) return;
+        saveRecordings();
+    });
+}
+
+RecordingLibrary::Prepared RecordingLibrary::prepareSave() {
+    paths_.ensureLibraryDirectories();
+    Prepared p;
+    p.snapshot = indexSnapshot();
+    for (const RecordingEntry& e : recordings_) knownRecordingIDs_.insert(e.id);
+    p.known = knownRecordingIDs_;
+    p.generation = ++indexSaveGeneration_;
+    return p;
+}
+
+void RecordingLibrary::saveRecordings() {
+    pendingSaveTask_.cancel();
+    if (isPreview()) return;
+    auto prepared = std::make_shared<Prepared>(prepareSave());
+    scheduler_.runInBackground([writer = indexWriter_, prepared, index = paths_.index(), scheduler = &scheduler_, this,
+                                guard = lifetime_.guard()] {
+        auto result = writer->write(prepared->snapshot, prepared->generation, index, prepared->known);
+        if (result) return;
+        scheduler->post([this, guard, text = result.error().message] {
+            if (!guard.expired()) reportIndexWriteFailure(text);
+        });
+    });
+}
+
+bool RecordingLibrary::persistRecordingsNow() {
+    if (isPreview()) return true;
+    pendingSaveTask_.cancel();
+    Prepared p = prepareSave();
+    auto result = indexWriter_->write(p.snapshot, p.generation, paths_.index(), p.known);
+    if (!result) {
+        reportIndexWriteFailure(result.error().message);
+        return false;
+    }
+    return true;
+}
+
+void RecordingLibrary::reportIndexWriteFailure(const std::string& text) {
+    if (hooks_.setLastError) hooks_.setLastError("历史记录保存失败，请尽快复制重要内容：" + text);
+    debug(DebugEvent::Level::error, "保存历史记录失败", text, "recording_index_write_failed");
+}
+
+std::vector<RecordingEntry> RecordingLibrary::indexSnapshot() {
+    const std::unordered_set<Uuid> flushed = flushChangedLogs();
+    std::vector<RecordingEntry> snapshot;
+    snapshot.reserve(recordings_.size());
+    for (const RecordingEntry& e : recordings_) {
+        RecordingEntry& copy = snapshot.emplace_back(e);
+        if (copy.eventLog) {
+            if (flushed.contains(copy.id)) copy.eventLog.reset();
+            else copy.eventLog = copy.eventLog->compacted();
+        }
+        copy.duration = finiteOrZero(copy.duration);
+        copy.peakLevel = finiteOrZero(copy.peakLevel);
+        copy.averageLevel = finiteOrZero(copy.averageLevel);
+    }
+    return snapshot;
+}
+
+std::unordered_set<Uuid> RecordingLibrary::flushChangedLogs() {
+    std::unordered_set<Uuid> flushed;
+    std::size_t filed = 0;
+    for (const RecordingEntry& e : recordings_) {
+        if (!e.eventLog || e.id == activeRecordingID_) continue;
+        auto count = persistedLogEventCounts_.find(e.id);
+        if (count != persistedLogEventCounts_.end() && count->second == e.eventLog->size()) {
+            flushed.insert(e.id);
+            continue;
+        }
+        if (filed >= kLogsFiledPerPass) continue;  // the next save files it
+        if (TranscriptLogStore::save(e.eventLog->compacted(), e.id, paths_.transcripts())) {
+            persistedLogEventCounts_[e.id] = e.eventLog->size();
+            flushed.insert(e.id);
+            ++filed;
+        }
+    }
+    return flushed;
+}
+
+bool RecordingLibrary::fileSessionLog(const Uuid& id, const TranscriptEventLog& log, const TranscriptEventLog* replayLog) {
+    if (isPreview()) return true;
+    bool ok = true;
+    if (auto saved = TranscriptLogStore::save(log.compacted(), id, paths_.transcripts()); saved) {
+        persistedLogEventCounts_[id] = log.size();
+    } else {
+        ok = false;
+        debug(DebugEvent::Level::error, "同传记录未能归档", saved.error().message, "transcript_log_store_failed");
+    }
+    if (replayLog) {
+        if (auto saved = TranscriptLogStore::save(*replayLog, id, paths_.replays()); !saved) {
+            ok = false;
+            debug(DebugEvent::Level::error, "回放事件未能归档", saved.error().message, "replay_log_store_failed");
+        }
+    }
+    return ok;
+}
+
+std::optional<TranscriptEventLog> RecordingLibrary::loadEventLog(const Uuid& id) {
+    RecordingEntry* e = find(id);
+    if (!e) return std::nullopt;
+    if (e->eventLog) return e->eventLog;
+    auto log = TranscriptLogStore::load(id, paths_.transcripts());
+    if (!log) return std::nullopt;
+    e->eventLog = *log;
+    persistedLogEventCounts_[id] = log->size();
+    return log;
+}
+
+void RecordingLibrary::removeFilesOf(const RecordingEntry& e) {
+    std::error_code ec;
+    if (e.relativeAudioPath)
+        if (auto audio = paths_.resolve(*e.relativeAudioPath)) fs::remove(*audio, ec);
+    TranscriptLogStore::remove(e.id, paths_.transcripts());
+    TranscriptLogStore::remove(e.id, paths_.replays());
+    fs::remove_all(paths_.replayPerformance() / e.id.text(), ec);
+    fs::remove_all(paths_.revalidations() / e.id.text(), ec);
+    if (hooks_.forgetReplayPerformance) hooks_.forgetReplayPerformance(e.id);
+}
+
+bool RecordingLibrary::removeFromList(const Uuid& id) {
+    if (id == activeRecordingID_) return false;
+    const RecordingEntry* e = find(id);
+    if (!e) return false;
+    if (selectedRecordingID_ == id && hooks_.stopPlaybackIfLoaded) hooks_.stopPlaybackIfLoaded(id);
+    if (!isPreview()) removeFilesOf(*e);
+    std::erase_if(recordings_, [&](const RecordingEntry& r) { return r.id == id; });
+    persistedLogEventCounts_.erase(id);
+    return true;
+}
+
+void RecordingLibrary::deleteRecording(const Uuid& id) { deleteRecordings({id}); }
+
+void RecordingLibrary::deleteRecordings(const std::vector<Uuid>& ids) {
+    const bool selectionGoes =
+        selectedRecordingID_ && std::find(ids.begin(), ids.end(), *selectedRecordingID_) != ids.end() &&
+        *selectedRecordingID_ != activeRecordingID_;
+    std::size_t removed = 0;
+    for (const Uuid& id : ids) removed += removeFromList(id) ? 1 : 0;
+    if (removed == 0) return;
+    if (selectionGoes) {
+        select(recordings_.empty() ? std::nullopt : std::optional<Uuid>(recordings_.front().id));
+        if (hooks_.clearSuggestion) hooks_.clearSuggestion();
+    } else if (hooks_.refreshCaptionColumns) {
+        hooks_.refreshCaptionColumns();
+    }
+    persistRecordingsNow();
+    if (ids.size() == 1) debug(DebugEvent::Level::info, "删除录音记录", ids.front().text(), std::nullopt);
+    else debug(DebugEvent::Level::info, "批量删除录音", "count: " + std::to_string(removed), std::nullopt);
+}
+
+std::optional<std::string> RecordingLibrary::selectedTranscriptMarkdown() const {
+    const RecordingEntry* e = selectedRecording();
+    if (!e) return std::nullopt;
+    return transcriptMarkdown(*e, options_.timeZone);
+}
+
+}  // namespace osv

@@ -1,0 +1,49 @@
+#pragma once
+
+// Writes the index so that nothing this build cannot read is ever destroyed, and an older
+// snapshot never overwrites a newer one whatever order the writes run in.
+
+#include <cstdint>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "core/Expected.h"
+#include "recordings/RecordingEntry.h"
+
+namespace osv {
+
+class IndexBytes;
+
+// Any thread; writes are serialised by the lock.
+class SerialIndexWriter {
+public:
+    // Under the lock: skips (returns false) when generation `generation` or a newer one is
+    // already on disk; otherwise encodes `snapshot`, carries over what the present file
+    // holds that this build does not write, keeps the present file as "<index>.bak" and
+    // replaces the index atomically (returns true). A failed backup aborts the save and
+    // leaves the index as it was. Error code "recording_index_write_failed".
+    Expected<bool> write(const std::vector<RecordingEntry>& snapshot, std::uint64_t generation,
+                         const std::filesystem::path& indexFile, const std::unordered_set<Uuid>& knownIDs);
+
+    // `newData` (the encoded snapshot, whose ids are `newIDs`) followed by the elements of
+    // the present file that are neither in it nor known to this run: entries this build
+    // could not read, and entries of another copy of the program. None when nothing is to
+    // be kept or the file is no JSON array (the new data then stands).
+    static std::optional<std::string> carryingOverUnknownEntries(std::string_view newData,
+                                                                 const std::unordered_set<Uuid>& newIDs,
+                                                                 const IndexBytes& file,
+                                                                 const std::unordered_set<Uuid>& knownIDs);
+
+    std::uint64_t lastWrittenGeneration() const;
+
+private:
+    mutable std::mutex lock_;
+    std::uint64_t lastWrittenGeneration_ = 0;
+};
+
+}  // namespace osv
