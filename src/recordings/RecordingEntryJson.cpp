@@ -283,6 +283,8 @@ std::optional<Key> keyOf(std::string_view name) {
     return it == table.end() ? std::nullopt : std::optional<Key>(it->second);
 }
 
+double finiteOrZero(double v) { return std::isfinite(v) ? v : 0.0; }
+
 double nonNegative(std::optional<double> d) { return d && *d >= 0 ? *d : 0.0; }
 
 std::optional<RecordingEntry> entry(Element e, Date now) {
@@ -605,7 +607,7 @@ std::optional<RecordingEntry> decodeRecordingEntry(std::string_view json, Date n
     return entry(root, now);
 }
 
-void writeRecordingEntry(JsonWriter& w, const RecordingEntry& r) {
+void writeRecordingEntry(JsonWriter& w, const RecordingEntry& r, const std::unordered_set<Uuid>* filedLogs) {
     w.beginObject();
     w.key("id");
     w.uuid(r.id);
@@ -660,7 +662,7 @@ void writeRecordingEntry(JsonWriter& w, const RecordingEntry& r) {
     w.key("language");
     w.string(rawValue(r.language));
     w.key("duration");
-    w.number(r.duration);
+    w.number(finiteOrZero(r.duration));
     w.key("byteSize");
     w.integer(r.byteSize);
     writeOptional(w, "relativeAudioPath", r.relativeAudioPath);
@@ -672,18 +674,18 @@ void writeRecordingEntry(JsonWriter& w, const RecordingEntry& r) {
     w.beginArray();
     for (const TranscriptSegment& s : r.segments) write(w, s);
     w.endArray();
-    if (r.eventLog) {
+    if (r.eventLog && !(filedLogs && filedLogs->contains(r.id))) {
         w.key("eventLog");
-        w.raw(json::dumpLine(toJson(*r.eventLog)));
+        w.raw(json::dumpLine(toJson(filedLogs ? r.eventLog->compacted() : *r.eventLog)));
     }
     w.key("status");
     w.string(rawValue(r.status));
     w.key("isLikelySilent");
     w.boolean(r.isLikelySilent);
     w.key("peakLevel");
-    w.number(r.peakLevel);
+    w.number(finiteOrZero(r.peakLevel));
     w.key("averageLevel");
-    w.number(r.averageLevel);
+    w.number(finiteOrZero(r.averageLevel));
     w.key("levelSampleCount");
     w.integer(r.levelSampleCount);
     w.key("segmentCount");
@@ -705,11 +707,13 @@ void writeRecordingEntry(JsonWriter& w, const RecordingEntry& r) {
     w.endObject();
 }
 
-std::string encodeRecordingEntries(const std::vector<RecordingEntry>& entries) {
+std::string encodeRecordingEntries(const std::vector<RecordingEntry>& entries, const std::unordered_set<Uuid>* filedLogs,
+                                   std::size_t sizeHint) {
     std::string out;
+    out.reserve(sizeHint);
     JsonWriter w(out);
     w.beginArray();
-    for (const RecordingEntry& e : entries) writeRecordingEntry(w, e);
+    for (const RecordingEntry& e : entries) writeRecordingEntry(w, e, filedLogs);
     w.endArray();
     return out;
 }
@@ -735,29 +739,28 @@ Uuid derivedRecordingID(std::string_view minified) {
     return Uuid(bytes);
 }
 
-std::optional<std::vector<std::string>> unknownIndexElements(const IndexBytes& fileBytes,
-                                                             const std::unordered_set<Uuid>& writtenIDs,
-                                                             const std::unordered_set<Uuid>& knownIDs) {
+std::optional<std::vector<IndexElement>> unknownIndexElements(const IndexBytes& fileBytes,
+                                                              const std::unordered_set<Uuid>& writtenIDs,
+                                                              const std::unordered_set<Uuid>& knownIDs) {
     dom::parser parser;
     Element root;
     if (parser.parse(fileBytes.view().data(), fileBytes.view().size(), false).get(root) != simdjson::SUCCESS)
         return std::nullopt;
     dom::array array;
     if (root.get_array().get(array) != simdjson::SUCCESS) return std::nullopt;
-    std::vector<std::string> kept;
+    std::vector<IndexElement> kept;
     for (Element item : array) {
         dom::object object;
         if (item.get_object().get(object) != simdjson::SUCCESS) {
-            kept.push_back(simdjson::minify(item));
+            kept.push_back({std::nullopt, simdjson::minify(item)});
             continue;
         }
         Element idValue;
         std::optional<Uuid> id;
         if (object.at_key("id").get(idValue) == simdjson::SUCCESS) id = uuid(idValue);
         if (!id) id = derivedRecordingID(simdjson::minify(item));
-        if (!writtenIDs.contains(*id) && !knownIDs.contains(*id)) kept.push_back(simdjson::minify(item));
+        if (!writtenIDs.contains(*id) && !knownIDs.contains(*id)) kept.push_back({id, simdjson::minify(item)});
     }
-    if (kept.empty()) return std::nullopt;
     return kept;
 }
 

@@ -47,21 +47,31 @@ Expected<LossyRecordingEntryList> decodeRecordingEntryList(std::string_view byte
 // One entry; none when the text is no JSON object.
 std::optional<RecordingEntry> decodeRecordingEntry(std::string_view json, Date now);
 
-std::string encodeRecordingEntries(const std::vector<RecordingEntry>& entries);
-void writeRecordingEntry(JsonWriter& w, const RecordingEntry& entry);
+// With `filedLogs`, the form the index stores: the inline log is left out for the ids in
+// it and compacted for the rest. Numbers that are not finite are written as 0 (JSON
+// cannot hold them). `sizeHint` reserves the output, e.g. the size of the last save.
+std::string encodeRecordingEntries(const std::vector<RecordingEntry>& entries,
+                                   const std::unordered_set<Uuid>* filedLogs = nullptr, std::size_t sizeHint = 0);
+void writeRecordingEntry(JsonWriter& w, const RecordingEntry& entry, const std::unordered_set<Uuid>* filedLogs = nullptr);
 
 // An element of a stored index that has no usable "id" is given one derived from its
 // content, so that reading it twice gives the same entry: carrying over then recognises it
 // as the entry this build wrote back, instead of keeping a second copy on every save.
 Uuid derivedRecordingID(std::string_view minifiedElement);
 
+// An element of a stored index as compact JSON, with its id (the "id" text, or the derived
+// one) when it is an object.
+struct IndexElement {
+    std::optional<Uuid> id;
+    std::string json;
+};
+
 // The elements of `fileBytes` (a JSON array) that `SerialIndexWriter` must carry over
-// because this build does not write them: each element whose id (the "id" text, or the
-// derived one) is in neither `writtenIDs` nor `knownIDs`. Elements that are no objects are
-// always kept. None when the bytes are no JSON array or nothing is to be kept; otherwise
-// the kept elements as compact JSON texts, in file order.
-std::optional<std::vector<std::string>> unknownIndexElements(const IndexBytes& fileBytes,
-                                                             const std::unordered_set<Uuid>& writtenIDs,
-                                                             const std::unordered_set<Uuid>& knownIDs);
+// because this build does not write them: each object whose id is in neither
+// `writtenIDs` nor `knownIDs`, and every element that is no object. None when the bytes
+// are no JSON array; otherwise the kept elements in file order.
+std::optional<std::vector<IndexElement>> unknownIndexElements(const IndexBytes& fileBytes,
+                                                              const std::unordered_set<Uuid>& writtenIDs,
+                                                              const std::unordered_set<Uuid>& knownIDs);
 
 }  // namespace osv

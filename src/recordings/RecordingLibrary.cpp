@@ -1,6 +1,7 @@
 #include "recordings/RecordingLibrary.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <unistd.h>
 
@@ -33,6 +34,24 @@ std::optional<fs::path> setAside(const fs::path& index, Date now) {
     auto bytes = readWholeFile(index);
     if (bytes && writeFileAtomically(aside, *bytes)) return aside;
     return std::nullopt;
+}
+
+// Temporary files of index writes that a killed process left behind; each can be as large
+// as the index. Only old ones go: a fresh one may belong to another running copy.
+void sweepAbandonedTemporaries(const LibraryPaths& paths) {
+    constexpr auto kAbandonedAfter = std::chrono::minutes(10);
+    const std::string index = paths.index().filename().string();
+    const auto now = fs::file_time_type::clock::now();
+    std::error_code ec;
+    for (fs::directory_iterator it(paths.root, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string name = it->path().filename().string();
+        const bool temporary = name.starts_with("." + index + ".tmp-") || name.starts_with("." + index + ".bak.tmp-") ||
+                               name == index + ".bak.link";
+        if (!temporary) continue;
+        std::error_code timeError;
+        const auto modified = fs::last_write_time(it->path(), timeError);
+        if (!timeError && now - modified > kAbandonedAfter) fs::remove(it->path(), timeError);
+    }
 }
 
 }  // namespace
@@ -85,6 +104,7 @@ void RecordingLibrary::loadRecordings() {
     }
     // 2.
     paths_.ensureLibraryDirectories();
+    sweepAbandonedTemporaries(paths_);
     if (recovery_.adoptTranscriptsFromLogDirectory) recovery_.adoptTranscriptsFromLogDirectory(*this);
 
     // 3. A missing index is a first launch; an unreadable one is reported and kept.
@@ -192,7 +212,7 @@ void RecordingLibrary::scheduleSaveRecordings() {
 RecordingLibrary::Prepared RecordingLibrary::prepareSave() {
     paths_.ensureLibraryDirectories();
     Prepared p;
-    p.snapshot = indexSnapshot();
+    p.filedLogs = flushChangedLogs();
     for (const RecordingEntry& e : recordings_) knownRecordingIDs_.insert(e.id);
     p.known = knownRecordingIDs_;
     p.generation = ++indexSaveGeneration_;
@@ -203,9 +223,11 @@ void RecordingLibrary::saveRecordings() {
     pendingSaveTask_.cancel();
     if (isPreview()) return;
     auto prepared = std::make_shared<Prepared>(prepareSave());
-    scheduler_.runInBackground([writer = indexWriter_, prepared, index = paths_.index(), scheduler = &scheduler_, this,
-                                guard = lifetime_.guard()] {
-        auto result = writer->write(prepared->snapshot, prepared->generation, index, prepared->known);
+    // The background write sees a copy: the list goes on changing here.
+    auto entries = std::make_shared<const std::vector<RecordingEntry>>(recordings_);
+    scheduler_.runInBackground([writer = indexWriter_, prepared, entries, index = paths_.index(), scheduler = &scheduler_,
+                                this, guard = lifetime_.guard()] {
+        auto result = writer->write(*entries, prepared->filedLogs, prepared->generation, index, prepared->known);
         if (result) return;
         scheduler->post([this, guard, text = result.error().message] {
             if (!guard.expired()) reportIndexWriteFailure(text);
@@ -217,7 +239,7 @@ bool RecordingLibrary::persistRecordingsNow() {
     if (isPreview()) return true;
     pendingSaveTask_.cancel();
     Prepared p = prepareSave();
-    auto result = indexWriter_->write(p.snapshot, p.generation, paths_.index(), p.known);
+    auto result = indexWriter_->write(recordings_, p.filedLogs, p.generation, paths_.index(), p.known);
     if (!result) {
         reportIndexWriteFailure(result.error().message);
         return false;

@@ -100,7 +100,8 @@ public:
     // of a session.
     bool persistRecordingsNow();
 
-    // What a save writes: logs filed where possible, the rest compacted inline.
+    // What a save writes: logs filed where possible, the rest compacted inline. (Saves
+    // encode the list in this form directly, without the copy.)
     std::vector<RecordingEntry> indexSnapshot();
     // Files the changed inline logs under transcripts/, at most 8 a pass, never the active
     // session's; returns the ids whose logs are on disk as they stand in memory.
@@ -123,7 +124,7 @@ public:
 
 private:
     struct Prepared {
-        std::vector<RecordingEntry> snapshot;
+        std::unordered_set<Uuid> filedLogs;
         std::unordered_set<Uuid> known;
         std::uint64_t generation = 0;
     };

@@ -1,5 +1,6 @@
 #include "recordings/SerialIndexWriter.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,14 +18,35 @@ namespace fs = std::filesystem;
 // hundreds of megabytes: the index is only ever replaced by rename, never rewritten in
 // place, so the linked inode keeps the old bytes. Where links are refused, the bytes are
 // copied.
-Expected<void> keepBackup(const fs::path& index, const fs::path& backup, const IndexBytes& present) {
+Expected<void> keepBackup(const fs::path& index, const fs::path& backup, const IndexBytes* present) {
     const fs::path temporary = backup.string() + ".link";
     ::unlink(temporary.c_str());
     if (::link(index.c_str(), temporary.c_str()) == 0) {
         if (::rename(temporary.c_str(), backup.c_str()) == 0) return {};
         ::unlink(temporary.c_str());
     }
-    return writeFileAtomically(backup, present.view());
+    if (present) return writeFileAtomically(backup, present->view());
+    auto bytes = IndexBytes::read(index);
+    if (!bytes) return bytes.error();
+    return writeFileAtomically(backup, bytes->view());
+}
+
+std::string withElements(std::string_view newData, const std::vector<IndexElement>& elements) {
+    std::string out;
+    out.reserve(newData.size() + 2);
+    out.append(newData.substr(0, newData.size() - 1));
+    bool first = newData.size() == 2;
+    for (const IndexElement& element : elements) {
+        if (!first) out.push_back(',');
+        out.append(element.json);
+        first = false;
+    }
+    out.push_back(']');
+    return out;
+}
+
+bool stillUnknown(const IndexElement& e, const std::unordered_set<Uuid>& newIDs, const std::unordered_set<Uuid>& known) {
+    return !e.id || (!newIDs.contains(*e.id) && !known.contains(*e.id));
 }
 
 }  // namespace
@@ -35,40 +57,65 @@ std::optional<std::string> SerialIndexWriter::carryingOverUnknownEntries(std::st
                                                                          const std::unordered_set<Uuid>& knownIDs) {
     if (newData.size() < 2 || newData.front() != '[' || newData.back() != ']') return std::nullopt;
     auto kept = unknownIndexElements(file, newIDs, knownIDs);
-    if (!kept) return std::nullopt;
-    std::string out(newData.substr(0, newData.size() - 1));
-    bool first = newData.size() == 2;
-    for (const std::string& element : *kept) {
-        if (!first) out.push_back(',');
-        out.append(element);
-        first = false;
-    }
-    out.push_back(']');
-    return out;
+    if (!kept || kept->empty()) return std::nullopt;
+    return withElements(newData, *kept);
 }
 
-Expected<bool> SerialIndexWriter::write(const std::vector<RecordingEntry>& snapshot, std::uint64_t generation,
+std::optional<SerialIndexWriter::Written> SerialIndexWriter::identify(const fs::path& file) {
+    struct stat st {};
+    if (::stat(file.c_str(), &st) != 0) return std::nullopt;
+    Written w;
+    w.device = st.st_dev;
+    w.inode = st.st_ino;
+    w.size = std::uintmax_t(st.st_size);
+    w.modifiedNanoseconds = std::int64_t(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec;
+    return w;
+}
+
+Expected<bool> SerialIndexWriter::write(const std::vector<RecordingEntry>& entries,
+                                        const std::unordered_set<Uuid>& filedLogs, std::uint64_t generation,
                                         const fs::path& indexFile, const std::unordered_set<Uuid>& knownIDs) {
     std::lock_guard<std::mutex> guard(lock_);
     if (lastWrittenGeneration_ >= generation) return false;
     lastWrittenGeneration_ = generation;
 
-    std::string data = encodeRecordingEntries(snapshot);
-    auto present = IndexBytes::read(indexFile);
-    if (present) {
-        std::unordered_set<Uuid> newIDs;
-        newIDs.reserve(snapshot.size());
-        for (const RecordingEntry& e : snapshot) newIDs.insert(e.id);
-        if (auto carried = carryingOverUnknownEntries(data, newIDs, *present, knownIDs)) data = std::move(*carried);
-        if (!present->view().empty()) {
-            fs::path backup = indexFile;
-            backup += ".bak";
-            if (auto kept = keepBackup(indexFile, backup, *present); !kept)
-                return Error{"recording_index_write_failed", kept.error().message};
+    std::string data = encodeRecordingEntries(entries, &filedLogs, lastSize_ + lastSize_ / 8);
+    std::unordered_set<Uuid> newIDs;
+    newIDs.reserve(entries.size());
+    for (const RecordingEntry& e : entries) newIDs.insert(e.id);
+
+    // What the present file holds that this build does not write. When the file is still
+    // the one this writer left, that is what it carried then; otherwise the file is read.
+    std::vector<IndexElement> carried;
+    const std::optional<Written> present = identify(indexFile);
+    std::optional<IndexBytes> presentBytes;
+    bool backupWanted = false;
+    if (present && lastWritten_ && present->device == lastWritten_->device && present->inode == lastWritten_->inode &&
+        present->size == lastWritten_->size && present->modifiedNanoseconds == lastWritten_->modifiedNanoseconds) {
+        for (const IndexElement& e : lastWritten_->carried)
+            if (stillUnknown(e, newIDs, knownIDs)) carried.push_back(e);
+        backupWanted = present->size > 0;
+    } else if (present) {
+        // A file that cannot be read is neither carried from nor backed up.
+        if (auto bytes = IndexBytes::read(indexFile)) {
+            presentBytes = std::move(*bytes);
+            if (auto kept = unknownIndexElements(*presentBytes, newIDs, knownIDs)) carried = std::move(*kept);
+            backupWanted = !presentBytes->view().empty();
         }
+    }
+    if (!carried.empty()) data = withElements(data, carried);
+
+    if (backupWanted) {
+        fs::path backup = indexFile;
+        backup += ".bak";
+        if (auto kept = keepBackup(indexFile, backup, presentBytes ? &*presentBytes : nullptr); !kept)
+            return Error{"recording_index_write_failed", kept.error().message};
     }
     if (auto written = writeFileAtomically(indexFile, data); !written)
         return Error{"recording_index_write_failed", written.error().message};
+    lastSize_ = data.size();
+    lastWritten_ = identify(indexFile);
+    if (lastWritten_) lastWritten_->carried = std::move(carried);
     return true;
 }
 

@@ -13,22 +13,24 @@
 #include <vector>
 
 #include "core/Expected.h"
-#include "recordings/RecordingEntry.h"
+#include "recordings/RecordingEntryJson.h"
 
 namespace osv {
 
-class IndexBytes;
+
 
 // Any thread; writes are serialised by the lock.
 class SerialIndexWriter {
 public:
     // Under the lock: skips (returns false) when generation `generation` or a newer one is
-    // already on disk; otherwise encodes `snapshot`, carries over what the present file
-    // holds that this build does not write, keeps the present file as "<index>.bak" and
-    // replaces the index atomically (returns true). A failed backup aborts the save and
-    // leaves the index as it was. Error code "recording_index_write_failed".
-    Expected<bool> write(const std::vector<RecordingEntry>& snapshot, std::uint64_t generation,
-                         const std::filesystem::path& indexFile, const std::unordered_set<Uuid>& knownIDs);
+    // already on disk; otherwise encodes `entries` in the index's form (`filedLogs`: the
+    // ids whose logs are filed), carries over what the present file holds that this build
+    // does not write, keeps the present file as "<index>.bak" and replaces the index
+    // atomically (returns true). A failed backup aborts the save and leaves the index as
+    // it was. Error code "recording_index_write_failed".
+    Expected<bool> write(const std::vector<RecordingEntry>& entries, const std::unordered_set<Uuid>& filedLogs,
+                         std::uint64_t generation, const std::filesystem::path& indexFile,
+                         const std::unordered_set<Uuid>& knownIDs);
 
     // `newData` (the encoded snapshot, whose ids are `newIDs`) followed by the elements of
     // the present file that are neither in it nor known to this run: entries this build
@@ -42,8 +44,19 @@ public:
     std::uint64_t lastWrittenGeneration() const;
 
 private:
+    // The index as this writer last left it. While the file on disk is still that one, its
+    // elements are known without reading it: this writer's entries and what it carried.
+    struct Written {
+        std::uintmax_t device = 0, inode = 0, size = 0;
+        std::int64_t modifiedNanoseconds = 0;
+        std::vector<IndexElement> carried;
+    };
+    static std::optional<Written> identify(const std::filesystem::path& file);
+
     mutable std::mutex lock_;
     std::uint64_t lastWrittenGeneration_ = 0;
+    std::optional<Written> lastWritten_;
+    std::size_t lastSize_ = 0;
 };
 
 }  // namespace osv

@@ -250,5 +250,53 @@ TEST_F(CliSettings, KeysComeFromStandardInputAndGoToAnOwnerOnlyFile) {
     EXPECT_FALSE(fs::exists(dir / "support" / "gemini.key"));
 }
 
+using CliRecordings = CliSettings;
+
+TEST_F(CliRecordings, ListShowExportRenameAndDeleteWorkOnTheStoredIndex) {
+    const fs::path support = dir / "support";
+    const std::string older = "11111111-1111-4111-8111-111111111111", newer = "22222222-2222-4222-8222-222222222222";
+    ASSERT_TRUE(writeFileAtomically(support / "recordings.json",
+                                    R"([{"id":")" + older + R"(","title":"周会","kind":"live","createdAt":100,"duration":75,
+                                         "relativeAudioPath":"Recordings/)" + older + R"(.m4a",
+                                         "segments":[{"id":"33333333-3333-4333-8333-333333333333","sequence":1,
+                                                      "sourceText":"本日は","translatedText":"今天"}]},
+                                        {"id":")" + newer + R"(","title":"录音 · 采访","createdAt":200}])"));
+    const Result listed = runCli({"recordings", "list"});
+    ASSERT_EQ(listed.status, kOk) << listed.err;
+    EXPECT_EQ(listed.out, newer + "  录音 · 采访  manual  record  ready  0:00  0 句\n" +
+                              older + "  周会  live  interpret  complete  1:15  1 句\n");
+
+    EXPECT_EQ((*json::parse(runCli({"recordings", "show", "1111"}).out))["title"], "周会");  // a unique prefix will do
+    const Result unknown = runCli({"recordings", "show", "44444444-4444-4444-8444-444444444444"});
+    EXPECT_EQ(unknown.status, kFailed);
+    EXPECT_NE(unknown.err.find("no recording has the id"), std::string::npos);
+
+    const Result md = runCli({"recordings", "export-md", older, "--out", (dir / "周会.md").string()});
+    ASSERT_EQ(md.status, kOk) << md.err;
+    const std::string exported = *readWholeFile(dir / "周会.md");
+    EXPECT_TRUE(exported.starts_with("# 周会\n\n创建时间：")) << exported;
+    EXPECT_TRUE(exported.ends_with("\n类型：同传\n语言：自动\n\n本日は\n> 今天\n")) << exported;
+
+    ASSERT_EQ(runCli({"recordings", "rename", newer, "  采访稿 "}).status, kOk);
+    EXPECT_EQ(runCli({"recordings", "rename", newer, " "}).status, kUsage);
+    ASSERT_TRUE(writeFileAtomically(support / "Recordings" / (older + ".m4a"), "audio"));
+    const Result deleted = runCli({"recordings", "delete", older});
+    ASSERT_EQ(deleted.status, kOk) << deleted.err;
+    EXPECT_FALSE(fs::exists(support / "Recordings" / (older + ".m4a")));
+    EXPECT_EQ(runCli({"recordings", "list"}).out, newer + "  采访稿  manual  record  ready  0:00  0 句\n");
+    EXPECT_EQ(runCli({"recordings", "delete", older}).status, kFailed);
+    EXPECT_EQ(runCli({"recordings", "frobnicate"}).status, kUsage);
+}
+
+TEST_F(CliRecordings, ThePreviewExportsItsSampleAndWritesNothing) {
+    ::setenv("OSV_PREVIEW_TRANSCRIPT", "1", 1);
+    const Result md = runCli({"recordings", "export-md"});
+    ::unsetenv("OSV_PREVIEW_TRANSCRIPT");
+    ASSERT_EQ(md.status, kOk) << md.err;
+    EXPECT_NE(md.out.find("本日はお忙しいところありがとうございます。\n> 感谢您今天在百忙之中抽出时间。"), std::string::npos)
+        << md.out;
+    EXPECT_FALSE(fs::exists(dir / "support"));
+}
+
 }  // namespace
 }  // namespace osv::cli

@@ -143,9 +143,9 @@ TEST_F(RecordingLibraryTest, AnOlderSnapshotNeverOverwritesANewerOne) {
     SerialIndexWriter writer;
     const fs::path index = dir / "recordings.json";
     RecordingEntry e = entry("新", 1);
-    ASSERT_TRUE(*writer.write({e}, 2, index, {}));
+    ASSERT_TRUE(*writer.write({e}, {}, 2, index, {}));
     e.title = "旧";
-    auto stale = writer.write({e}, 1, index, {});  // the earlier save's task ran last
+    auto stale = writer.write({e}, {}, 1, index, {});  // the earlier save's task ran last
     ASSERT_TRUE(stale);
     EXPECT_FALSE(*stale);
     EXPECT_EQ(indexOnDisk()[0]["title"], "新");
