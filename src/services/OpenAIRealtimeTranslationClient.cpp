@@ -243,8 +243,10 @@ void OpenAIRealtimeTranslationClient::retire(std::unique_ptr<Socket> socket, int
         socket->pendingStart = nullptr;
     }
     socket->whenClosed = std::move(whenClosed);
-    socket->connection->close(code, "");
+    // Kept before closing: a transport may report the end from inside close().
+    WebSocketConnection& connection = *socket->connection;
     retired_.push_back(std::move(socket));
+    connection.close(code, "");
 }
 
 void OpenAIRealtimeTranslationClient::close(std::function<void()> whenClosed) {

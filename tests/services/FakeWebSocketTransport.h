@@ -26,6 +26,7 @@ public:
     void close(int code, std::string_view reason) override {
         closeCode = code;
         closeReason = std::string(reason);
+        if (endsInsideClose) end(WebSocketEnd::Reason::closedByUs, "Closed");
     }
 
     // The server's side.
@@ -48,6 +49,7 @@ public:
     std::vector<std::string> sent;
     bool open = false;
     bool failSends = false;
+    bool endsInsideClose = false;  // as a socket that closes at once does
     std::optional<int> closeCode;
     std::string closeReason;
     std::shared_ptr<bool> destroyed = std::make_shared<bool>(false);

@@ -350,6 +350,18 @@ TEST(RealtimeClientClose, ClosingDuringAPendingReceiveSendsGoingAwayAndReportsNo
     EXPECT_EQ(h.client.eventTypeReport(), "（未收到任何事件）");
 }
 
+TEST(RealtimeClientClose, ASocketThatEndsInsideCloseStillReleasesItsWaiter) {
+    Harness h;
+    h.connect();
+    h.transport.last().endsInsideClose = true;
+    bool whenClosed = false;
+    h.client.close([&] { whenClosed = true; });
+    h.scheduler.runUntilIdle();
+    EXPECT_TRUE(whenClosed);
+    EXPECT_TRUE(h.transport.isDestroyed(0));
+    EXPECT_TRUE(h.events.empty());
+}
+
 TEST(RealtimeClientClose, ClosingWhileConnectingFailsTheStartQuietly) {
     Harness h;
     h.start();

@@ -31,9 +31,10 @@ public:
             if (handlers_.onFrame && !ended_)
                 handlers_.onFrame({WebSocketFrame::Kind::binary, std::string(message.constData(), std::size_t(message.size()))});
         });
-        // Emitted when a close frame goes out: ours, or the echo of the peer's.
+        // Emitted whenever the socket closes. Before any error it is Qt answering the peer's
+        // close frame; a lost connection reports its error first.
         QObject::connect(socket_, &QWebSocket::aboutToClose, ctx, [this] {
-            if (!closingByUs_) peerClosed_ = true;
+            if (opened_ && !closingByUs_ && errorText_.empty()) peerClosed_ = true;
         });
         QObject::connect(socket_, qOverload<QAbstractSocket::SocketError>(&QWebSocket::error), ctx, [this](QAbstractSocket::SocketError) {
             if (errorText_.empty()) errorText_ = socket_->errorString().toStdString();
