@@ -31,6 +31,10 @@ constexpr const char* kUsageText =
     "  audio devices                            sources and sinks, the defaults, echo cancelling\n"
     "  audio record --mode mixed|systemAudio|microphone --seconds N --out DIR [--separate]\n"
     "      [--chunk-seconds S]                  record chunk files, one line a second per channel\n"
+    "  realtime probe --audio FILE [--speed 1|max] [--url BASE] [--target LANG]\n"
+    "                                           stream a file through the realtime translation client\n"
+    "                                           (base from OSV_OPENAI_BASE_URL unless --url), one JSON\n"
+    "                                           line per event and debug record\n"
     "  help                                     this text\n"
     "\n"
     "FILE may be - for standard input.\n";
@@ -54,6 +58,7 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
     if (command == "keys") return runKeys(rest, in, out, err);
     if (command == "models") return runModels(rest, out, err);
     if (command == "audio") return runAudio(rest, out, err);
+    if (command == "realtime") return runRealtime(rest, out, err);
     err << "ossevra-cli: unknown command \"" << command << "\"\n\n" << kUsageText;
     return kUsage;
 }

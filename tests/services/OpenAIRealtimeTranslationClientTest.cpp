@@ -18,8 +18,9 @@ using testing::FakeWebSocketTransport;
 Json parsed(const std::string& text) { return *json::parse(text); }
 
 struct Harness {
-    ManualScheduler scheduler;
+    // The transport outlives the scheduler, whose queue may hold the client's sockets.
     FakeWebSocketTransport transport;
+    ManualScheduler scheduler;
     OpenAIRealtimeTranslationClient client{transport, scheduler, "http://127.0.0.1:9/v1"};
     TranslatorSettings settings;
     std::vector<Event> events;

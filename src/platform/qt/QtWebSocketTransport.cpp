@@ -110,6 +110,9 @@ private:
         if (ended_) return;
         ended_ = true;
         timeout_.stop();
+        // A refused connection may report its disconnection before its error.
+        if (errorText_.empty() && socket_->error() != QAbstractSocket::UnknownSocketError)
+            errorText_ = socket_->errorString().toStdString();
         WebSocketEnd end;
         end.wasOpen = opened_;
         if (peerClosed_) {
