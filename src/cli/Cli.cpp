@@ -36,6 +36,10 @@ constexpr const char* kUsageText =
     "  recordings export-md [ID] [--out FILE]   the transcript as Markdown (the newest without ID)\n"
     "  recordings rename ID TITLE               give a recording a title\n"
     "  recordings delete ID                     delete a recording and every file it owns\n"
+    "  realtime probe --audio FILE [--speed 1|max] [--url BASE] [--target LANG]\n"
+    "                                           stream a file through the realtime translation client\n"
+    "                                           (base from OSV_OPENAI_BASE_URL unless --url), one JSON\n"
+    "                                           line per event and debug record\n"
     "  help                                     this text\n"
     "\n"
     "FILE may be - for standard input.\n";
@@ -60,6 +64,7 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
     if (command == "models") return runModels(rest, out, err);
     if (command == "audio") return runAudio(rest, out, err);
     if (command == "recordings") return runRecordings(rest, out, err);
+    if (command == "realtime") return runRealtime(rest, out, err);
     err << "ossevra-cli: unknown command \"" << command << "\"\n\n" << kUsageText;
     return kUsage;
 }

@@ -25,6 +25,9 @@ int runModels(const std::vector<std::string>& args, std::ostream& out, std::ostr
 // audio devices, audio record.
 int runAudio(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
+// realtime probe: a file streamed through the realtime translation client.
+int runRealtime(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
 // Plays the sample conversation and prints its captions.
 int runPreview(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 

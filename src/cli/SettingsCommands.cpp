@@ -7,34 +7,15 @@
 
 #include "cli/Cli.h"
 #include "cli/CliJson.h"
+#include "cli/CliStores.h"
 #include "core/Paths.h"
 #include "core/Text.h"
-#include "platform/secrets/LibsecretBackend.h"
-#include "platform/storage/FileUserDefaults.h"
 #include "settings/TranslatorSettings.h"
 
 namespace osv::cli {
 namespace {
 
 using json::Json;
-
-// The program's stores, as it opens them at launch.
-struct Stores {
-    FileUserDefaults defaults{configDirectory()};
-    LibsecretBackend backend;
-    SecretStore secrets{&backend, supportDirectory()};
-    SettingsStore settings{defaults, secrets};
-
-    explicit Stores(std::ostream& err) {
-        if (defaults.loadProblem()) err << "ossevra-cli: " << *defaults.loadProblem() << "\n";
-    }
-};
-
-std::optional<std::string> environmentKey() {
-    const char* v = std::getenv("OPENAI_API_KEY");
-    if (!v || !*v) return std::nullopt;
-    return std::string(v);
-}
 
 bool openAIKeyPresent(Stores& stores, const TranslatorSettings& s) {
     if (!text::isBlank(s.apiKey) || stores.secrets.apiKey(SecretLocation::openAI())) return true;

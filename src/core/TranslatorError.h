@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "core/Expected.h"
+
 namespace osv {
 
 class TranslatorError {
@@ -24,6 +26,8 @@ public:
     std::string userText() const;
     // snake_case, for logs and tests: "recording_failed", "api_error", ...
     std::string code() const;
+    // As a failure value: the code and the user text.
+    Error asError() const { return Error{code(), userText()}; }
 
     bool operator==(const TranslatorError&) const = default;
 

@@ -7,6 +7,7 @@
 #include "core/AtomicFile.h"
 #include "core/Uuid.h"
 #include "platform/ffmpeg/AacFileWriter.h"
+#include "platform/ffmpeg/AudioFileDecoder.h"
 
 namespace osv {
 namespace {
@@ -43,6 +44,53 @@ TEST_F(FfmpegFiles, WavChunksReadBackWithTheirHeader) {
         EXPECT_NEAR(mediaDurationSeconds(file).value(), 2.0, 1e-3) << channels;
     }
     EXPECT_FALSE(mediaDurationSeconds(dir / "missing.m4a"));
+}
+
+// A WAV of `seconds` of a 440 Hz tone at `rate`; the right channel, if any, is the left one
+// times `rightFactor`.
+fs::path toneWav(const fs::path& dir, int rate, int channels, double rightFactor, double seconds = 1.0) {
+    PCMBytes pcm;
+    const int frames = int(rate * seconds);
+    for (int i = 0; i < frames; ++i) {
+        const double v = 0.5 * std::sin(2 * M_PI * 440.0 * i / rate);
+        for (int c = 0; c < channels; ++c) {
+            const auto s = std::int16_t(std::lround((c == 0 ? v : v * rightFactor) * 32767));
+            pcm.push_back(std::uint8_t(s & 0xff));
+            pcm.push_back(std::uint8_t((s >> 8) & 0xff));
+        }
+    }
+    const PCMBytes wav = PCM16WavWriter::data(pcm, rate, channels);
+    const fs::path file = dir / ("tone-" + std::to_string(rate) + "-" + std::to_string(channels) + ".wav");
+    EXPECT_TRUE(writeFileAtomically(file, std::string_view(reinterpret_cast<const char*>(wav.data()), wav.size())));
+    return file;
+}
+
+TEST_F(FfmpegFiles, AnyAudioDecodesToMono24kPCM16WithChannelsAveraged) {
+    for (const auto& [rate, channels] : {std::pair{16'000, 1}, std::pair{48'000, 2}, std::pair{44'100, 2}}) {
+        const auto pcm = decodePCM16Mono24k(toneWav(dir, rate, channels, 1.0));
+        ASSERT_TRUE(pcm) << pcm.error().message;
+        EXPECT_NEAR(double(pcm->size()), 48'000.0, 2 * 64.0) << rate;  // one second, within the filter's delay
+        EXPECT_NEAR(pcm16Peak(*pcm), 0.5, 0.02) << rate;
+    }
+    // Opposite channels cancel: the mean is taken, not one side.
+    const auto cancelled = decodePCM16Mono24k(toneWav(dir, 48'000, 2, -1.0));
+    ASSERT_TRUE(cancelled);
+    EXPECT_LT(pcm16Peak(*cancelled), 0.001);
+
+    // A compressed file goes the same way.
+    auto writer = AacFileWriter::open(dir / "speech.m4a", 48'000, 1, 96'000);
+    ASSERT_TRUE(writer);
+    std::vector<float> tone(48'000);
+    for (std::size_t i = 0; i < tone.size(); ++i) tone[i] = float(0.4 * std::sin(0.05 * double(i)));
+    ASSERT_TRUE((*writer)->write(tone.data(), tone.size()));
+    ASSERT_TRUE((*writer)->finish());
+    const auto aac = decodePCM16Mono24k(dir / "speech.m4a");
+    ASSERT_TRUE(aac) << aac.error().message;
+    EXPECT_NEAR(double(aac->size()) / 48'000.0, 1.0, 0.1);
+
+    const auto missing = decodePCM16Mono24k(dir / "missing.wav");
+    ASSERT_FALSE(missing);
+    EXPECT_EQ(missing.error().code, "media_unreadable");
 }
 
 }  // namespace

@@ -1,0 +1,108 @@
+#include "services/ServiceEndpoints.h"
+
+#include <cstdlib>
+
+#include "core/Text.h"
+
+namespace osv {
+namespace {
+
+struct ParsedBase {
+    std::string scheme;  // lower case
+    std::string authority;
+    std::string path;  // without a trailing slash
+};
+
+std::string lowered(std::string_view s) {
+    std::string out(s);
+    for (char& c : out)
+        if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
+    return out;
+}
+
+std::optional<ParsedBase> parseBase(std::string_view base) {
+    base = text::trimmed(base);
+    const auto schemeEnd = base.find("://");
+    if (schemeEnd == std::string_view::npos) return std::nullopt;
+    ParsedBase p;
+    p.scheme = lowered(base.substr(0, schemeEnd));
+    if (p.scheme != "http" && p.scheme != "https") return std::nullopt;
+    std::string_view rest = base.substr(schemeEnd + 3);
+    // A base carries no query or fragment: what follows would end up inside the path.
+    if (rest.find_first_of("?#") != std::string_view::npos) return std::nullopt;
+    const auto slash = rest.find('/');
+    p.authority = std::string(rest.substr(0, slash));
+    if (slash != std::string_view::npos) p.path = std::string(rest.substr(slash));
+    // The host part of "user@host:port", which must not be empty.
+    std::string_view host = p.authority;
+    if (const auto at = host.rfind('@'); at != std::string_view::npos) host = host.substr(at + 1);
+    if (host.empty() || host.front() == ':') return std::nullopt;
+    for (char c : p.authority)
+        if (static_cast<unsigned char>(c) <= ' ') return std::nullopt;
+    while (!p.path.empty() && p.path.back() == '/') p.path.pop_back();
+    return p;
+}
+
+std::string percentEncoded(std::string_view s) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : s) {
+        const bool unreserved = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+                                c == '-' || c == '.' || c == '_' || c == '~';
+        if (unreserved) {
+            out.push_back(char(c));
+        } else {
+            out.push_back('%');
+            out.push_back(kHex[c >> 4]);
+            out.push_back(kHex[c & 15]);
+        }
+    }
+    return out;
+}
+
+std::optional<std::string> endpoint(std::string_view base, std::string_view path, const QueryItems& query,
+                                    bool webSocket) {
+    auto p = parseBase(base);
+    if (!p) return std::nullopt;
+    std::string scheme = p->scheme;
+    if (webSocket) scheme = scheme == "https" ? "wss" : "ws";
+    std::string url = scheme + "://" + p->authority + p->path;
+    if (!path.empty() && path.front() != '/') url.push_back('/');
+    url += path;
+    for (std::size_t i = 0; i < query.size(); ++i) {
+        url += i == 0 ? '?' : '&';
+        url += percentEncoded(query[i].first) + "=" + percentEncoded(query[i].second);
+    }
+    return url;
+}
+
+}  // namespace
+
+ServiceEndpoints ServiceEndpoints::fromEnvironment(const std::function<std::optional<std::string>(const char*)>& lookup) {
+    auto read = [&](const char* name) -> std::optional<std::string> {
+        std::optional<std::string> value;
+        if (lookup) {
+            value = lookup(name);
+        } else if (const char* v = std::getenv(name)) {
+            value = std::string(v);
+        }
+        if (!value || text::isBlank(*value)) return std::nullopt;
+        return std::string(text::trimmed(*value));
+    };
+    ServiceEndpoints e;
+    if (auto v = read("OSV_OPENAI_BASE_URL")) e.openAI = *v;
+    if (auto v = read("OSV_GEMINI_BASE_URL")) e.gemini = *v;
+    if (auto v = read("OSV_GOOGLE_TTS_BASE_URL")) e.googleTTS = *v;
+    if (auto v = read("OSV_JEV_BASE_URL")) e.jev = *v;
+    return e;
+}
+
+std::optional<std::string> httpEndpointURL(std::string_view base, std::string_view path, const QueryItems& query) {
+    return endpoint(base, path, query, false);
+}
+
+std::optional<std::string> webSocketEndpointURL(std::string_view base, std::string_view path, const QueryItems& query) {
+    return endpoint(base, path, query, true);
+}
+
+}  // namespace osv

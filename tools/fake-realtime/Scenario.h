@@ -1,0 +1,38 @@
+#pragma once
+
+// A scenario of the fake realtime server: rules read from a hand-written JSON Lines file.
+// See README.md in this folder for the format.
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/Expected.h"
+
+namespace osv::fake {
+
+struct Rule {
+    enum class Action { send, close, drop, stall };
+
+    int line = 0;
+    // The trigger: "connect", or the type of a message the client sent.
+    std::string on = "connect";
+    std::optional<int> nth;    // only the nth such message
+    std::optional<int> every;  // each nth: n, 2n, 3n...
+    int afterMs = 0;           // delay after the trigger
+
+    Action action = Action::send;
+    std::vector<std::string> frames;  // for send: the payloads, in order
+    bool binary = false;
+    int closeCode = 1000;
+    std::string closeReason;
+
+    // Whether the `count`th message of type `on` fires this rule.
+    bool firesAt(int count) const;
+};
+
+// The rules of a scenario file, or an error naming every bad line.
+Expected<std::vector<Rule>> parseScenario(std::string_view text);
+
+}  // namespace osv::fake
