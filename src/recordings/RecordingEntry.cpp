@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include "core/DateFormat.h"
+#include "core/EnumNames.h"
 #include "core/Text.h"
 #include "transcript/CaptionGrouping.h"
 
@@ -21,13 +22,6 @@ constexpr std::string_view kModeWords[] = {"同传", "录音", "助答", "陪练
 constexpr std::array<std::string_view, 6> kTitleWords = {"同声传译", "新录音", "同传", "录音", "助答", "陪练"};
 constexpr std::string_view kSeparator = " · ";
 constexpr std::size_t kTopicLimit = 14;
-
-template <class E, std::size_t N>
-std::optional<E> fromRaw(std::string_view raw, const std::string_view (&names)[N]) {
-    for (std::size_t i = 0; i < N; ++i)
-        if (names[i] == raw) return E(i);
-    return std::nullopt;
-}
 
 bool startsWith(std::string_view s, std::string_view prefix) { return s.substr(0, prefix.size()) == prefix; }
 
@@ -83,15 +77,15 @@ std::string_view rawValue(SessionLabel v) { return kLabels[std::size_t(v)]; }
 std::string_view rawValue(RecordingStatus v) { return kStatuses[std::size_t(v)]; }
 std::string_view rawValue(RecordingFeedback v) { return kFeedback[std::size_t(v)]; }
 std::string_view rawValue(AssistCaptionDisposition v) { return kDispositions[std::size_t(v)]; }
-std::optional<SessionLabel> sessionLabelFromRaw(std::string_view raw) { return fromRaw<SessionLabel>(raw, kLabels); }
+std::optional<SessionLabel> sessionLabelFromRaw(std::string_view raw) { return enumFromRaw<SessionLabel>(raw, kLabels); }
 std::optional<RecordingStatus> recordingStatusFromRaw(std::string_view raw) {
-    return fromRaw<RecordingStatus>(raw, kStatuses);
+    return enumFromRaw<RecordingStatus>(raw, kStatuses);
 }
 std::optional<RecordingFeedback> recordingFeedbackFromRaw(std::string_view raw) {
-    return fromRaw<RecordingFeedback>(raw, kFeedback);
+    return enumFromRaw<RecordingFeedback>(raw, kFeedback);
 }
 std::optional<AssistCaptionDisposition> assistCaptionDispositionFromRaw(std::string_view raw) {
-    return fromRaw<AssistCaptionDisposition>(raw, kDispositions);
+    return enumFromRaw<AssistCaptionDisposition>(raw, kDispositions);
 }
 std::string_view modeWord(SessionLabel label) { return kModeWords[std::size_t(label)]; }
 

@@ -5,17 +5,15 @@
 #include <cmath>
 #include <cstdio>
 
+#include "core/EnumNames.h"
 #include "core/Text.h"
 
 namespace osv {
 namespace {
 
-template <class E, std::size_t N>
-std::optional<E> parse(const std::optional<std::string>& raw, const std::string_view (&names)[N]) {
-    if (!raw) return std::nullopt;
-    for (std::size_t i = 0; i < N; ++i)
-        if (names[i] == *raw) return E(i);
-    return std::nullopt;
+template <class E>
+std::optional<E> parse(const std::optional<std::string>& raw, std::span<const std::string_view> names) {
+    return raw ? enumFromRaw<E>(*raw, names) : std::nullopt;
 }
 
 constexpr std::string_view kVendors[] = {"google", "openAI"};
@@ -45,10 +43,10 @@ std::string_view rawValue(Skin v) { return kSkins[std::size_t(v)]; }
 std::string_view rawValue(LocalASRPolicy v) { return kASR[std::size_t(v)]; }
 std::string_view rawValue(ConversationScene v) { return kScenes[std::size_t(v)]; }
 std::optional<AudioCaptureMode> captureModeFromRaw(std::string_view raw) {
-    return parse<AudioCaptureMode>(std::string(raw), kCaptureModes);
+    return enumFromRaw<AudioCaptureMode>(raw, kCaptureModes);
 }
 std::optional<RecognitionLanguage> recognitionLanguageFromRaw(std::string_view raw) {
-    return parse<RecognitionLanguage>(std::string(raw), kRecognition);
+    return enumFromRaw<RecognitionLanguage>(raw, kRecognition);
 }
 
 AppMode appMode(ConversationScene scene) {

@@ -1,17 +1,12 @@
 #include "transcript/TranscriptEvent.h"
 
+#include "core/EnumNames.h"
+
 #include <array>
 #include <unordered_map>
 
 namespace osv {
 namespace {
-
-template <class E, std::size_t N>
-std::optional<E> fromRaw(std::string_view raw, const std::array<std::string_view, N>& names) {
-    for (std::size_t i = 0; i < N; ++i)
-        if (names[i] == raw) return static_cast<E>(i);
-    return std::nullopt;
-}
 
 constexpr std::array<std::string_view, 5> boundaryNames{"punctuation", "idle", "lengthCap", "channelChange",
                                                         "sessionEnd"};
@@ -26,13 +21,13 @@ std::string_view rawValue(TranslationOrigin o) { return translationOriginNames[s
 std::string_view rawValue(SourceRevisionOrigin o) { return revisionOriginNames[std::size_t(o)]; }
 
 std::optional<BoundaryReason> boundaryReasonFromRaw(std::string_view raw) {
-    return fromRaw<BoundaryReason>(raw, boundaryNames);
+    return enumFromRaw<BoundaryReason>(raw, boundaryNames);
 }
 std::optional<TranslationOrigin> translationOriginFromRaw(std::string_view raw) {
-    return fromRaw<TranslationOrigin>(raw, translationOriginNames);
+    return enumFromRaw<TranslationOrigin>(raw, translationOriginNames);
 }
 std::optional<SourceRevisionOrigin> sourceRevisionOriginFromRaw(std::string_view raw) {
-    return fromRaw<SourceRevisionOrigin>(raw, revisionOriginNames);
+    return enumFromRaw<SourceRevisionOrigin>(raw, revisionOriginNames);
 }
 
 std::string_view payloadName(const TranscriptEvent::Payload& payload) {
