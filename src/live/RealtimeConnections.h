@@ -1,0 +1,91 @@
+#pragma once
+
+// The realtime translation connections of a session, one per channel: opening them, the
+// audio they are sent, the reconnect backoff after a failure, and taking them out of
+// service so that a stop closes each exactly once. Main thread only.
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "audio/RealtimePCMEncoder.h"
+#include "core/Scheduler.h"
+#include "services/OpenAIRealtimeTranslationClient.h"
+#include "transcript/CaptureChannel.h"
+
+namespace osv {
+
+class RealtimeConnections {
+public:
+    using Client = OpenAIRealtimeTranslationClient;
+    using ClientFactory = std::function<std::unique_ptr<Client>()>;
+
+    class Host {
+    public:
+        virtual ~Host() = default;
+        virtual void realtimeEvent(const RealtimeTranslationEvent& event, CaptureChannel channel,
+                                   const Uuid& recordingID) = 0;
+        virtual void clientDebug(const OpenAIDebugLog& log) = 0;
+        // Audio held for the channel while it had no connection, taken for sending.
+        virtual PCMBytes takePendingAudio(CaptureChannel channel) = 0;
+        // On air, not paused, on the realtime engine, this recording, this channel.
+        virtual bool mayReconnect(const Uuid& recordingID, CaptureChannel channel) const = 0;
+        virtual void setLiveNotice(std::string notice) = 0;
+        virtual TranslatorSettings currentSettings() const = 0;
+    };
+
+    // The language the translation endpoint is asked for: the user reads Chinese.
+    static constexpr const char* kTargetLanguageCode = "zh";
+    static constexpr double kMaximumBackoffSeconds = 15.0;
+
+    RealtimeConnections(Scheduler& scheduler, ClientFactory factory, Host& host);
+    ~RealtimeConnections();
+
+    // Opens the channel's connection. `done` runs once, on the main thread, never inside this call.
+    void connect(CaptureChannel channel, const Uuid& recordingID, std::function<void(Expected<void>)> done);
+    bool isConnected(CaptureChannel channel) const;
+    bool hasClient(CaptureChannel channel) const { return clients_.count(channel) > 0; }
+    // One chunk on the channel's socket; counted as billed audio.
+    void send(CaptureChannel channel, const PCMBytes& pcm);
+    // Everything held during the handshake, as one message.
+    void flushPending(CaptureChannel channel);
+
+    // Empties the map and returns the clients, so that nothing can touch them while closing.
+    std::map<CaptureChannel, std::unique_ptr<Client>> takeRealtimeClients();
+    // Sends "session.close" on each connected client not yet closing, then closes them; each
+    // is kept until its socket is gone.
+    void closeGracefully(std::map<CaptureChannel, std::unique_ptr<Client>> clients);
+
+    // After a failure or a close: backoff 1, 2, 4, 8, 15, 15, ... seconds, no limit.
+    void scheduleRealtimeReconnect(CaptureChannel channel, const Uuid& recordingID, const std::string& because);
+    void resetReconnectAttempts(CaptureChannel channel) { reconnectAttempts_[channel] = 0; }
+    int reconnectAttempts(CaptureChannel channel) const;
+    bool isReconnecting(CaptureChannel channel) const;
+    // Cancels every reconnect and forgets the counts.
+    void cancelReconnects();
+
+    bool hadCaptionOutage = false;
+    double unbilledAudioSeconds = 0;
+    std::optional<Date> connectedAt(CaptureChannel channel) const;
+    int eventCount(CaptureChannel channel) const;
+
+private:
+    void debug(DebugEvent::Level level, std::string title, std::string details, std::optional<std::string> code);
+
+    Scheduler& scheduler_;
+    ClientFactory factory_;
+    Host& host_;
+    std::map<CaptureChannel, std::unique_ptr<Client>> clients_;
+    std::map<CaptureChannel, bool> connected_;
+    std::map<CaptureChannel, Date> connectedAt_;
+    std::map<CaptureChannel, int> eventCounts_;
+    std::map<CaptureChannel, TimerHandle> reconnectTasks_;
+    std::map<CaptureChannel, int> reconnectAttempts_;
+    std::vector<std::unique_ptr<Client>> closing_;
+    Lifetime lifetime_;
+};
+
+}  // namespace osv
