@@ -40,6 +40,12 @@ constexpr const char* kUsageText =
     "                                           stream a file through the realtime translation client\n"
     "                                           (base from OSV_OPENAI_BASE_URL unless --url), one JSON\n"
     "                                           line per event and debug record\n"
+    "  live [--system FILE] [--microphone FILE] [--separate] [--seconds N] [--tail S] [--json]\n"
+    "                                           a live session: from capture as the settings say, or\n"
+    "                                           from audio files as the channels; ends on SIGINT, SIGTERM,\n"
+    "                                           \"stop\" on standard input, after N seconds, or S seconds\n"
+    "                                           (default 3) after the files ended; pause/resume on stdin\n"
+    "  live --demo [--json]                     the same against the bundled fake server: no key, no network\n"
     "  help                                     this text\n"
     "\n"
     "FILE may be - for standard input.\n";
@@ -65,6 +71,7 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
     if (command == "audio") return runAudio(rest, out, err);
     if (command == "recordings") return runRecordings(rest, out, err);
     if (command == "realtime") return runRealtime(rest, out, err);
+    if (command == "live") return runLive(rest, out, err);
     err << "ossevra-cli: unknown command \"" << command << "\"\n\n" << kUsageText;
     return kUsage;
 }

@@ -28,6 +28,9 @@ int runAudio(const std::vector<std::string>& args, std::ostream& out, std::ostre
 // realtime probe: a file streamed through the realtime translation client.
 int runRealtime(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
+// live: a live session from capture or audio files, or the demo against the loopback fake.
+int runLive(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
 // Plays the sample conversation and prints its captions.
 int runPreview(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 

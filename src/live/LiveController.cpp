@@ -58,8 +58,10 @@ void LiveController::publish() {
     const TranslatorSettings settings = deps_.settings();
     state_.translates = routingConfig(settings).translates;
     state_.labelsChannels = liveTranscript_.labelsChannels;
+    if (captionsRefreshedAt_ && now - *captionsRefreshedAt_ >= 1.0) captionsDirty_ = true;
     if (captionsDirty_) {
         captionsDirty_ = false;
+        captionsRefreshedAt_ = now;
         state_.captions = liveTranscript_.captionBlocks(state_.translates, now);
         bool failed = false;
         for (std::size_t i = 0; i < state_.captions.size() && !failed; ++i)
@@ -107,6 +109,12 @@ void LiveController::publish() {
         if (alive.expired()) return;
         if (observer) observer(state_);
     }
+}
+
+void LiveController::tick() {
+    if (!state_.activeRecordingID) return;
+    ticker_ = deps_.scheduler.after(1.0, [this] { tick(); });
+    changed();
 }
 
 void LiveController::addDebug(Level level, Category category, std::string title, std::string details,
@@ -200,6 +208,9 @@ void LiveController::startLiveInterpretation() {
     onAirSecondsBefore_ = 0;
     runStartedAt_.reset();
     recorderStoppedAt_.reset();
+    levelSampleCount_ = 0;
+    levelPeak_ = 0;
+    levelAverage_ = 0;
     stopRequestedWhileStarting_ = false;
 
     state_.engine = LiveInterpretationEngine::realtimeTranslation;
@@ -374,6 +385,7 @@ void LiveController::liveStartSucceeded(const Uuid& recordingID) {
     state_.isLivePaused = false;
     state_.statusText = "实时同传中";
     runStartedAt_ = deps_.scheduler.now();
+    if (!ticker_.isPending()) ticker_ = deps_.scheduler.after(1.0, [this] { tick(); });
     addDebug(Level::success, Category::app, "同声传译已启动", "engine: realtimeTranslation");
     deps_.library.updateRecording(recordingID, false, [](RecordingEntry& e) { e.status = RecordingStatus::recording; });
     changed();
@@ -635,6 +647,11 @@ void LiveController::finishLiveRecordingIfIdle(const Uuid& recordingID) {
         e.eventLog = log.compacted();
         if (e.duration <= 0) e.duration = state_.activeRecordingStartedAt ? now - *state_.activeRecordingStartedAt : wallClock;
         e.usage = liveUsage_;
+        e.peakLevel = levelPeak_;
+        e.averageLevel = levelAverage_;
+        e.levelSampleCount = levelSampleCount_;
+        // Nothing ever reached the speech threshold of the meter.
+        e.isLikelySilent = levelSampleCount_ > 0 && levelPeak_ <= CaptureHandoff::kAudibleLevel;
         e.updatedAt = now;
     });
     deps_.library.fileSessionLog(recordingID, log, &log);
@@ -748,6 +765,11 @@ void LiveController::updateInputLevel(double level) {
     if (level != state_.inputLevel) {
         state_.inputLevel = level;
         changed();
+    }
+    if (state_.isLiveInterpreting && !state_.isLivePaused) {
+        ++levelSampleCount_;
+        levelPeak_ = std::max(levelPeak_, level);
+        levelAverage_ += (level - levelAverage_) / double(levelSampleCount_);
     }
     if ((state_.isLiveInterpreting || state_.isStartingSession) && !state_.isLivePaused &&
         level > CaptureHandoff::kAudibleLevel) {

@@ -172,6 +172,10 @@ private:
     std::map<CaptureChannel, double> channelLevels_;
     std::vector<std::filesystem::path> activeLiveChunkURLs_;
     std::optional<Date> lastAudibleAt_;
+    // The level statistics the recording keeps.
+    std::int64_t levelSampleCount_ = 0;
+    double levelPeak_ = 0;
+    double levelAverage_ = 0;
     bool isPauseTailRunning_ = false;
     std::vector<std::function<void()>> afterPauseTail_;
     std::optional<Date> pausedAt_;
@@ -183,6 +187,10 @@ private:
     TimerHandle drainTimer_;
     std::set<Uuid> finishing_;
     TimerHandle segmentsRefresh_;
+    // Once a second while a session is active: the clock moves, captions settle and freeze.
+    TimerHandle ticker_;
+    std::optional<Date> captionsRefreshedAt_;
+    void tick();
     Lifetime lifetime_;
 };
 

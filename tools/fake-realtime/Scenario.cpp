@@ -24,7 +24,7 @@ std::optional<Rule> parseRule(const Json& j, int line, std::string& problem) {
         problem = "a rule is a JSON object";
         return std::nullopt;
     }
-    static const std::vector<std::string> kKnown{"on", "nth", "every", "after_ms", "send", "raw", "error",
+    static const std::vector<std::string> kKnown{"on", "nth", "every", "after_ms", "speaker", "send", "raw", "error",
                                                  "binary", "close", "drop", "stall"};
     for (auto it = j.begin(); it != j.end(); ++it)
         if (std::find(kKnown.begin(), kKnown.end(), it.key()) == kKnown.end()) {
@@ -44,7 +44,12 @@ std::optional<Rule> parseRule(const Json& j, int line, std::string& problem) {
     r.nth = positiveInt(j, "nth", problem);
     r.every = positiveInt(j, "every", problem);
     r.afterMs = positiveInt(j, "after_ms", problem).value_or(0);
+    r.speaker = positiveInt(j, "speaker", problem);
     if (!problem.empty()) return std::nullopt;
+    if (r.speaker && (*r.speaker == 0 || r.on == "connect")) {
+        problem = "\"speaker\" counts from 1 and needs a message trigger: a connection has no speaker before its audio";
+        return std::nullopt;
+    }
     if ((r.nth && *r.nth == 0) || (r.every && *r.every == 0) || (r.nth && r.every)) {
         problem = "give at most one of \"nth\" and \"every\", from 1";
         return std::nullopt;

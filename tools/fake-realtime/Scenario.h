@@ -21,6 +21,9 @@ struct Rule {
     std::optional<int> nth;    // only the nth such message
     std::optional<int> every;  // each nth: n, 2n, 3n...
     int afterMs = 0;           // delay after the trigger
+    // Only on the connection that was the nth to send audio: tells the channels of one
+    // session apart (the side that speaks first is speaker 1).
+    std::optional<int> speaker;
 
     Action action = Action::send;
     std::vector<std::string> frames;  // for send: the payloads, in order

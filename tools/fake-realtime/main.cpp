@@ -70,6 +70,7 @@ public:
         const QNetworkRequest request = socket_->request();
         Json connect = Json::object();
         connect["event"] = "connect";
+        connect["connection"] = connection_;
         connect["ms"] = 0;
         connect["path"] = request.url().path().toStdString();
         connect["query"] = request.url().query(QUrl::FullyDecoded).toStdString();
@@ -96,6 +97,7 @@ private:
     void received(const std::string& payload, const char* kind) {
         Json line = Json::object();
         line["event"] = "message";
+        line["connection"] = connection_;
         line["ms"] = clock_.elapsed();
         line["kind"] = kind;
         const auto message = json::parse(payload);
@@ -107,12 +109,14 @@ private:
             line["raw"] = payload;
         }
         recorder_.write(line);
+        if (type == "session.input_audio_buffer.append" && speaker_ == 0) speaker_ = ++speakersSoFar;
         if (!type.empty()) trigger(type, ++counts_[type]);
     }
 
     void trigger(const std::string& on, int count) {
         for (const Rule& rule : options_.rules) {
             if (rule.on != on || !rule.firesAt(count)) continue;
+            if (rule.speaker && *rule.speaker != speaker_) continue;
             if (rule.afterMs == 0) {
                 run(rule);
             } else {
@@ -151,6 +155,7 @@ private:
         ended_ = true;
         Json line = Json::object();
         line["event"] = "closed";
+        line["connection"] = connection_;
         line["ms"] = clock_.elapsed();
         line["by"] = dropped_ ? "dropped" : closedByServer_ ? "server" : "client";
         line["code"] = int(socket_->closeCode());
@@ -166,6 +171,10 @@ private:
     std::function<void()> onGone_;
     QElapsedTimer clock_;
     std::map<std::string, int> counts_;
+    int speaker_ = 0;
+    inline static int speakersSoFar = 0;
+    inline static int connectionsSoFar = 0;
+    const int connection_ = ++connectionsSoFar;
     bool stalled_ = false;
     bool ended_ = false;
     bool dropped_ = false;

@@ -84,6 +84,12 @@ AacFileWriter::~AacFileWriter() {
 
 Expected<std::unique_ptr<AacFileWriter>> AacFileWriter::open(const std::filesystem::path& path, int sampleRate,
                                                              int channels, int bitRate) {
+    // FFmpeg's chatter (encoder statistics) is no message for the user; errors come back as values.
+    static const bool quiet = [] {
+        av_log_set_level(AV_LOG_ERROR);
+        return true;
+    }();
+    (void)quiet;
     auto s = std::make_unique<State>();
     int rc = avformat_alloc_output_context2(&s->format, nullptr, "ipod", path.c_str());
     if (rc < 0 || !s->format) return failed("container", rc);

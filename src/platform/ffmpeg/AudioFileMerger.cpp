@@ -60,7 +60,7 @@ std::optional<Wav> readWav(const fs::path& path) {
 
 Expected<MergedAudio> AudioFileMerger::merge(const std::vector<fs::path>& chunks, const fs::path& output) {
     if (chunks.empty()) return Error{"recording_failed", "没有可合并的音频分段。"};
-    const fs::path temporary = output.parent_path() / ("." + output.filename().string() + "." + Uuid::random().text() + ".tmp");
+    const fs::path temporary = output.parent_path() / ("." + output.stem().string() + "-" + Uuid::random().text() + output.extension().string());
     std::unique_ptr<AacFileWriter> writer;
     int channels = 0;
     int sampleRate = 0;
