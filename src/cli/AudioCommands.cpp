@@ -1,3 +1,6 @@
+#include <QCoreApplication>
+#include <QTimer>
+
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -9,7 +12,11 @@
 #include "audio/ChannelGates.h"
 #include "cli/Cli.h"
 #include "core/Json.h"
-#include "platform/pulse/ChunkRecorders.h"
+#include "audio/CaptureRecorder.h"
+#include "audio/SerialChunkWriter.h"
+#include "platform/pulse/PulseCapture.h"
+#include "platform/pulse/PulseFrameSource.h"
+#include "platform/qt/QtScheduler.h"
 
 namespace osv::cli {
 namespace {
@@ -111,74 +118,68 @@ int record(const std::vector<std::string>& args, std::ostream& out, std::ostream
         return kFailed;
     }
 
-    std::mutex outLock;
+    std::unique_ptr<QCoreApplication> app;
+    if (!QCoreApplication::instance()) {
+        static int argc = 1;
+        static char name[] = "ossevra-cli";
+        static char* argv[] = {name, nullptr};
+        app = std::make_unique<QCoreApplication>(argc, argv);
+    }
+    QtScheduler scheduler;
+    PulseFrameSourceFactory sources;
+    SerialChunkWriter writer(scheduler);
+    CaptureRecorder recorder(scheduler, sources, writer);
+
     std::vector<fs::path> chunks;
-    auto keepChunk = [&](const fs::path& chunk) {
-        const fs::path target = outDir / chunk.filename();
-        std::error_code moveError;
-        fs::rename(chunk, target, moveError);
-        if (moveError) {  // another file system
-            fs::copy_file(chunk, target, fs::copy_options::overwrite_existing, moveError);
-            fs::remove(chunk, moveError);
-        }
-        std::lock_guard guard(outLock);
-        chunks.push_back(target);
-    };
-    auto onEvent = [&](const std::string& title, const std::string& details, const std::string& code) {
-        std::lock_guard guard(outLock);
+    ChannelWatch system, microphone;
+    CaptureRecorder::Options options;
+    options.mode = mode == "mixed"         ? CaptureRecorder::Mode::mixed
+                   : mode == "systemAudio" ? CaptureRecorder::Mode::systemAudio
+                                           : CaptureRecorder::Mode::microphone;
+    options.chunkSeconds = chunkSeconds;
+    options.minimumChunkBytes = 1024;
+    options.preserveRecordingChannels = separate;
+    options.chunkDirectory = outDir;
+    options.chunkPrefix = "osv-" + mode + "-";
+    CaptureRecorder::Callbacks callbacks;
+    callbacks.onChunk = [&](const fs::path& chunk) { chunks.push_back(chunk); };
+    callbacks.onEvent = [&](const std::string& title, const std::string& details, const std::string& code) {
         out << "  · " << title << "（" << code << "）" << details << "\n";
     };
-    ChannelWatch system, microphone;
-    constexpr std::size_t kMinimumChunkBytes = 1024;
-
-    MixedAudioChunkRecorder mixed;
-    SystemAudioChunkRecorder systemOnly;
-    AudioChunkRecorder microphoneOnly;
     if (mode == "mixed") {
-        MixedAudioChunkRecorder::Callbacks callbacks;
-        callbacks.onChunk = keepChunk;
         callbacks.onSystemPCM = [&](const PCMBytes& pcm) { system.feed(pcm); };
         callbacks.onMicrophonePCM = [&](const PCMBytes& pcm) { microphone.feed(pcm); };
-        callbacks.onEvent = onEvent;
-        auto report = mixed.start(chunkSeconds, kMinimumChunkBytes, callbacks, separate);
-        if (!report) {
-            err << "ossevra-cli: " << report.error().message << "\n";
-            return kFailed;
-        }
-        if (auto degraded = MixedAudioChunkRecorder::degradedCapture(*report))
-            out << "降级：" << *degraded << "（" << report->systemFailure.value_or(report->microphoneFailure.value_or(""))
-                << "）\n";
     } else {
-        RecorderCallbacks callbacks;
-        callbacks.onChunk = keepChunk;
-        callbacks.onEvent = onEvent;
         ChannelWatch& watch = mode == "systemAudio" ? system : microphone;
-        callbacks.onRealtimePCM = [&](const PCMBytes& pcm) { watch.feed(pcm); };
-        auto started = mode == "systemAudio" ? systemOnly.start(chunkSeconds, kMinimumChunkBytes, callbacks, true)
-                                             : microphoneOnly.start(chunkSeconds, callbacks, true);
-        if (!started) {
-            err << "ossevra-cli: " << started.error().message << "\n";
-            return kFailed;
-        }
+        callbacks.onRealtimePCM = [&watch](const PCMBytes& pcm) { watch.feed(pcm); };
     }
+    auto report = recorder.start(options, callbacks);
+    if (!report) {
+        err << "ossevra-cli: " << report.error().message << "\n";
+        return kFailed;
+    }
+    if (auto degraded = CaptureRecorder::degradedCapture(*report))
+        out << "降级：" << *degraded << "（" << report->systemFailure.value_or(report->microphoneFailure.value_or(""))
+            << "）\n";
 
-    const int whole = int(*seconds);
-    for (int second = 1; second <= whole; ++second) {
-        std::this_thread::sleep_for(std::chrono::seconds(1));
-        std::lock_guard guard(outLock);
-        out << second << "s  ";
+    // One line a second while the event loop runs the recorder.
+    int second = 0;
+    QTimer ticker;
+    QObject::connect(&ticker, &QTimer::timeout, [&] {
+        out << ++second << "s  ";
         if (mode != "microphone") out << system.line("电脑声音") << "  ";
         if (mode != "systemAudio") out << microphone.line("麦克风");
         out << "\n" << std::flush;
-    }
-    if (*seconds > whole) std::this_thread::sleep_for(std::chrono::duration<double>(*seconds - whole));
-
-    std::optional<fs::path> last;
-    if (mode == "mixed") last = mixed.stop(true);
-    else if (mode == "systemAudio") last = systemOnly.stop(true);
-    else last = microphoneOnly.stop(true);
-    if (last) keepChunk(*last);
-    std::lock_guard guard(outLock);
+    });
+    ticker.start(1000);
+    QTimer::singleShot(int(*seconds * 1000), [&] {
+        ticker.stop();
+        recorder.stop([&](std::optional<fs::path> last) {
+            if (last) chunks.push_back(*last);
+            QCoreApplication::quit();
+        });
+    });
+    QCoreApplication::exec();
     out << "写入 " << chunks.size() << " 个分段：\n";
     for (const auto& c : chunks) out << "  " << c.string() << "\n";
     return kOk;
