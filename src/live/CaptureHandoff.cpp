@@ -1,6 +1,7 @@
 #include "live/CaptureHandoff.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace osv {
 
@@ -17,6 +18,9 @@ void CaptureHandoff::reset(const std::vector<CaptureChannel>& channels) {
 void CaptureHandoff::keepForResume(const std::vector<CaptureChannel>& channels) {
     pendingPCM_.clear();
     pendingBytes_.clear();
+    droppedBytes_.clear();
+    heldSpeech_.clear();
+    outages_.clear();
     if (channels.size() > 1) {
         for (CaptureChannel c : channels) wakeups_.try_emplace(c);
     } else {
@@ -55,35 +59,44 @@ CaptureHandoff::Outcome CaptureHandoff::consume(CaptureChannel channel, PCMBytes
     return outcome;
 }
 
+void CaptureHandoff::beginOutage(CaptureChannel channel) { outages_.insert(channel); }
+
 void CaptureHandoff::hold(CaptureChannel channel, PCMBytes bytes) {
     auto& blocks = pendingPCM_[channel];
     auto& total = pendingBytes_[channel];
+    if (pcm16Peak(bytes) >= kLoudPeak) heldSpeech_[channel] = true;
     total += bytes.size();
     blocks.push_back(std::move(bytes));
-    // The newest six seconds are kept: older audio of a long outage is lost, not memory.
-    while (total > kMaximumPendingBytes && !blocks.empty()) {
-        const std::size_t excess = total - kMaximumPendingBytes;
+    // The newest audio is kept: older audio of a long outage is lost, not memory.
+    const std::size_t limit = outages_.count(channel) ? kMaximumOutageBytes : kMaximumPendingBytes;
+    while (total > limit && !blocks.empty()) {
+        const std::size_t excess = total - limit;
         auto& oldest = blocks.front();
         if (oldest.size() <= excess) {
             total -= oldest.size();
+            droppedBytes_[channel] += oldest.size();
             blocks.erase(blocks.begin());
         } else {
-            const std::size_t cut = excess + (excess & 1);  // whole samples
-            oldest.erase(oldest.begin(), oldest.begin() + std::ptrdiff_t(std::min(cut, oldest.size())));
+            const std::size_t cut = std::min(excess + (excess & 1), oldest.size());  // whole samples
+            oldest.erase(oldest.begin(), oldest.begin() + std::ptrdiff_t(cut));
             total -= std::min(cut, total);
+            droppedBytes_[channel] += cut;
         }
     }
 }
 
-PCMBytes CaptureHandoff::takePending(CaptureChannel channel) {
-    PCMBytes out;
+CaptureHandoff::Held CaptureHandoff::takePending(CaptureChannel channel, Date now) {
+    Held held;
+    held.afterOutage = outages_.erase(channel) > 0;
+    held.droppedBytes = std::exchange(droppedBytes_[channel], 0);
     auto it = pendingPCM_.find(channel);
-    if (it == pendingPCM_.end()) return out;
-    out.reserve(pendingBytes_[channel]);
-    for (auto& block : it->second) out.insert(out.end(), block.begin(), block.end());
+    if (it == pendingPCM_.end()) return held;
+    held.bytes.reserve(pendingBytes_[channel]);
+    for (auto& block : it->second) held.bytes.insert(held.bytes.end(), block.begin(), block.end());
     pendingPCM_.erase(it);
     pendingBytes_.erase(channel);
-    return out;
+    if (std::exchange(heldSpeech_[channel], false)) witnesses_[channel].observe(1.0f, now);
+    return held;
 }
 
 std::size_t CaptureHandoff::pendingBytes(CaptureChannel channel) const {

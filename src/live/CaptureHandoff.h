@@ -7,6 +7,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "audio/ChannelGates.h"
@@ -18,8 +19,11 @@ namespace osv {
 
 class CaptureHandoff {
 public:
-    // Six seconds of working-format audio: what a stalled socket may hold.
+    // Six seconds of working-format audio: what a handshake may hold.
     static constexpr std::size_t kMaximumPendingBytes = 288'000;
+    // Twenty seconds: what a channel holds from a lost connection until the next is up, so
+    // that a short outage delays captions instead of losing what was said.
+    static constexpr std::size_t kMaximumOutageBytes = 960'000;
     // Above this level the channel counts as audible for the liveness and the anchor.
     static constexpr double kAudibleLevel = 0.02;
 
@@ -37,8 +41,17 @@ public:
     // Witness, peak, meter and wake-up for one chunk arriving now. When the gate passes the
     // chunk and `connected` is false, it is held; the outcome then sends nothing.
     Outcome consume(CaptureChannel channel, PCMBytes bytes, Date now, bool connected);
-    // The held audio of a channel, in order, as one block; empties it.
-    PCMBytes takePending(CaptureChannel channel);
+    // The channel's connection was lost: hold up to twenty seconds from now on.
+    void beginOutage(CaptureChannel channel);
+    struct Held {
+        PCMBytes bytes;
+        std::size_t droppedBytes = 0;  // the oldest audio, over the bound
+        bool afterOutage = false;
+    };
+    // The held audio of a channel, in order, as one block; empties it and ends an outage.
+    // Speech in it passes the service now: the witness hears it again, so that its text,
+    // arriving late, is not taken for text made up from silence.
+    Held takePending(CaptureChannel channel, Date now);
     std::size_t pendingBytes(CaptureChannel channel) const;
 
     const SpeechWitness* witness(CaptureChannel channel) const;
@@ -57,6 +70,9 @@ private:
     std::map<CaptureChannel, ChannelWakeup> wakeups_;
     std::map<CaptureChannel, std::vector<PCMBytes>> pendingPCM_;
     std::map<CaptureChannel, std::size_t> pendingBytes_;
+    std::map<CaptureChannel, std::size_t> droppedBytes_;
+    std::map<CaptureChannel, bool> heldSpeech_;
+    std::set<CaptureChannel> outages_;
     std::map<CaptureChannel, float> peaks_;
     std::map<CaptureChannel, ThroughputMeter> meters_;
     std::map<CaptureChannel, Date> wokenAt_;

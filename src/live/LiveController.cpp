@@ -29,7 +29,8 @@ LiveController::LiveController(Dependencies dependencies)
       dispatch_(deps_.dispatch ? *deps_.dispatch : static_cast<TranslationDispatch&>(noDispatch_)),
       recorder_(deps_.scheduler, deps_.sources, deps_.chunkWriter),
       connections_(deps_.scheduler, deps_.makeRealtimeClient, *this),
-      ingestion_(deps_.scheduler, liveTranscript_, dispatch_, *this) {}
+      ingestion_(deps_.scheduler, liveTranscript_, dispatch_, *this),
+      supervisor_(deps_.scheduler, *this) {}
 
 LiveController::~LiveController() = default;
 
@@ -63,13 +64,20 @@ void LiveController::publish() {
         captionsDirty_ = false;
         captionsRefreshedAt_ = now;
         state_.captions = liveTranscript_.captionBlocks(state_.translates, now);
-        bool failed = false;
-        for (std::size_t i = 0; i < state_.captions.size() && !failed; ++i)
+        // Frozen blocks never change: each is looked at once, the live tail every time.
+        const std::size_t frozen = state_.captions.frozenCount();
+        if (frozen < frozenScanned_) frozenScanned_ = 0, frozenFailures_ = 0;
+        for (; frozenScanned_ < frozen; ++frozenScanned_)
+            frozenFailures_ += state_.captions[frozenScanned_].translationFailure.has_value();
+        bool failed = frozenFailures_ > 0;
+        for (std::size_t i = frozen; i < state_.captions.size() && !failed; ++i)
             failed = state_.captions[i].translationFailure.has_value();
         state_.hasFailedTranslations = failed;
     }
     state_.hasOutstandingTranslations = state_.activeRecordingID && dispatch_.hasTrackedWork(*state_.activeRecordingID);
     state_.isFinishingLiveSession = isFinishingLiveSession();
+    state_.hadCaptionOutage = connections_.hadCaptionOutage;
+    state_.hadSourceStreamOutage = supervisor_.hadSourceStreamOutage;
 
     LiveMonitor monitor;
     state_.meters.clear();
@@ -150,6 +158,33 @@ bool LiveController::isFinishingLiveSession() const {
     return state_.stoppingRecordingID.has_value() || dispatch_.hasTrackedWork(*state_.activeRecordingID);
 }
 
+bool LiveController::isListening() const {
+    return state_.isLiveInterpreting && !state_.isLivePaused && !state_.stoppingRecordingID &&
+           state_.engine == LiveInterpretationEngine::realtimeTranslation;
+}
+
+TranslatorSettings LiveController::connectionSettings(CaptureChannel channel) const {
+    TranslatorSettings settings = deps_.settings();
+    if (auto model = supervisor_.degradedTranscribeModel(channel))
+        settings.models.set(*model, ModelJob::realtimeTranscribe, settings.activeMode);
+    return settings;
+}
+
+bool LiveController::buildsFromTranslation(CaptureChannel channel) const {
+    const auto& channels = liveTranscript_.segmenter().channels;
+    auto it = channels.find(channel);
+    return it != channels.end() && it->second.buildsFromTranslation;
+}
+
+void LiveController::buildFromTranslation(CaptureChannel channel, bool flag) {
+    liveTranscript_.buildFromTranslation(flag, channel, deps_.scheduler.now());
+    transcriptChanged();
+}
+
+void LiveController::scheduleReconnect(CaptureChannel channel, const std::string& because) {
+    if (state_.activeRecordingID) connections_.scheduleRealtimeReconnect(channel, *state_.activeRecordingID, because);
+}
+
 bool LiveController::mayReconnect(const Uuid& recordingID, CaptureChannel channel) const {
     return state_.isLiveInterpreting && !state_.isLivePaused && !state_.stoppingRecordingID &&
            state_.engine == LiveInterpretationEngine::realtimeTranslation && state_.activeRecordingID == recordingID &&
@@ -205,6 +240,7 @@ void LiveController::startLiveInterpretation() {
     debugEvents_.clear();
     connections_.hadCaptionOutage = false;
     connections_.unbilledAudioSeconds = 0;
+    supervisor_.hadSourceStreamOutage = false;
     onAirSecondsBefore_ = 0;
     runStartedAt_.reset();
     recorderStoppedAt_.reset();
@@ -281,6 +317,8 @@ void LiveController::prepareRealtimeSession(const Uuid& recordingID, bool resumi
         state_.activeChannels = {CaptureChannel::system};
     if (!resuming) {
         liveTranscript_.reset();
+        frozenScanned_ = 0;
+        frozenFailures_ = 0;
         journal_ = std::make_unique<TranscriptJournal>(recordingID, deps_.library.paths().journals());
         liveTranscript_.labelsChannels = state_.activeChannels.size() == 2;
         handoff_.reset(state_.activeChannels);
@@ -386,6 +424,7 @@ void LiveController::liveStartSucceeded(const Uuid& recordingID) {
     state_.statusText = "实时同传中";
     runStartedAt_ = deps_.scheduler.now();
     if (!ticker_.isPending()) ticker_ = deps_.scheduler.after(1.0, [this] { tick(); });
+    supervisor_.startLivenessWatchdog();
     addDebug(Level::success, Category::app, "同声传译已启动", "engine: realtimeTranslation");
     deps_.library.updateRecording(recordingID, false, [](RecordingEntry& e) { e.status = RecordingStatus::recording; });
     changed();
@@ -531,6 +570,7 @@ void LiveController::stopLiveInterpretation() {
 
 void LiveController::windDown(const Uuid& recordingID, std::function<void()> done) {
     connections_.cancelReconnects();
+    supervisor_.stopLivenessWatchdog();
     recorderStoppedAt_ = deps_.scheduler.now();
     const auto alive = lifetime_.guard();
     recorder_.stop([this, alive, recordingID, done = std::move(done)](std::optional<fs::path> last) mutable {
@@ -673,6 +713,9 @@ void LiveController::finishLiveRecordingIfIdle(const Uuid& recordingID) {
 
 void LiveController::resetRealtimeState() {
     ingestion_.reset();
+    const bool hadSourceStreamOutage = supervisor_.hadSourceStreamOutage;
+    supervisor_.reset();
+    supervisor_.hadSourceStreamOutage = hadSourceStreamOutage;  // the finished session keeps its notes
     connections_.cancelReconnects();
     dispatch_.cancelGrace();
     drainTimer_.cancel();
@@ -698,7 +741,7 @@ void LiveController::transcriptChanged() {
     captionsDirty_ = true;
     // The stored entry follows the captions at a calmer pace; the journal holds every event.
     if (!segmentsRefresh_.isPending() && state_.activeRecordingID)
-        segmentsRefresh_ = deps_.scheduler.after(2.0, [this] { refreshRecordingSegments(false); });
+        segmentsRefresh_ = deps_.scheduler.after(kSegmentsRefreshSeconds, [this] { refreshRecordingSegments(false); });
     changed();
 }
 
@@ -709,21 +752,31 @@ void LiveController::handleRealtimeEvent(const RealtimeTranslationEvent& event, 
     if (state_.activeRecordingID != recordingID) return;  // a late event of an earlier session
     switch (event.kind) {
         case Kind::outputTranscriptDelta:
+            supervisor_.noteTranslation(channel);
             ingestion_.ingestRealtimeDelta(event.text, TranscriptSegmenter::DeltaKind::streamedTranslation, channel,
                                            recordingID);
+            supervisor_.applySourceStreamHealth(channel);
             break;
         case Kind::inputTranscriptDelta:
+            supervisor_.noteSource(channel);
             ingestion_.ingestRealtimeDelta(event.text, TranscriptSegmenter::DeltaKind::source, channel, recordingID);
             break;
         case Kind::sourceStreamFailed:
+            supervisor_.noteSourceFailure(channel);
             addDebug(Level::warning, Category::transcription, "原文转写这一路报错",
                      "channel: " + std::string(rawValue(channel)) + "\n" + event.text + "\n译文不受影响，会话继续。",
                      "source_stream_failed");
+            supervisor_.applySourceStreamHealth(channel);
             break;
-        case Kind::connected:
+        case Kind::connected: {
+            const TranslatorSettings settings = connectionSettings(channel);
+            supervisor_.connected(channel, RealtimeStreamHealth::baseDelay(
+                                               false, settings.models.resolved(ModelJob::realtimeTranscribe, settings.activeMode),
+                                               settings.models.resolved(ModelJob::realtimeTranscribe, settings.activeMode)));
             if (!state_.stoppingRecordingID) state_.statusText = "实时同传已连接";
             changed();
             break;
+        }
         case Kind::failed:
             addDebug(Level::error, Category::openAI, "Realtime 同传失败",
                      "channel: " + std::string(rawValue(channel)) + "\n" + event.text,

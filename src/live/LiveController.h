@@ -26,6 +26,7 @@
 #include "live/LiveIngestion.h"
 #include "live/LiveState.h"
 #include "live/RealtimeConnections.h"
+#include "live/StreamSupervisor.h"
 #include "live/TranslationDispatch.h"
 #include "metering/DebugEvent.h"
 #include "metering/UsageTally.h"
@@ -36,7 +37,9 @@ namespace osv {
 class RecordingLibrary;
 class TranscriptJournal;
 
-class LiveController final : private LiveIngestion::Host, private RealtimeConnections::Host {
+class LiveController final : private LiveIngestion::Host,
+                             private RealtimeConnections::Host,
+                             private StreamSupervisor::Host {
 public:
     struct Dependencies {
         Scheduler& scheduler;
@@ -60,6 +63,9 @@ public:
     static constexpr double kDrainQuietSeconds = 0.6;
     static constexpr double kDrainPollSeconds = 0.12;
     static constexpr std::size_t kMaximumDebugEvents = 2000;
+    // How often the stored entry takes the session's segments: what the history shows of a
+    // session on air. Every event is in the journal at once; this is only the index's copy.
+    static constexpr double kSegmentsRefreshSeconds = 10.0;
 
     explicit LiveController(Dependencies dependencies);
     ~LiveController() override;
@@ -103,6 +109,7 @@ public:
     const CaptureHandoff& handoff() const { return handoff_; }
     const RealtimeConnections& connections() const { return connections_; }
     const LiveIngestion& ingestion() const { return ingestion_; }
+    const StreamSupervisor& supervisor() const { return supervisor_; }
     const std::vector<std::filesystem::path>& activeLiveChunkURLs() const { return activeLiveChunkURLs_; }
 
 private:
@@ -121,10 +128,29 @@ private:
         handleRealtimeEvent(event, channel, recordingID);
     }
     void clientDebug(const OpenAIDebugLog& log) override;
-    PCMBytes takePendingAudio(CaptureChannel channel) override { return handoff_.takePending(channel); }
+    CaptureHandoff::Held takePendingAudio(CaptureChannel channel) override {
+        return handoff_.takePending(channel, deps_.scheduler.now());
+    }
+    void connectionLost(CaptureChannel channel) override { handoff_.beginOutage(channel); }
     bool mayReconnect(const Uuid& recordingID, CaptureChannel channel) const override;
     void setLiveNotice(std::string notice) override;
-    TranslatorSettings currentSettings() const override { return deps_.settings(); }
+    TranslatorSettings connectionSettings(CaptureChannel channel) const override;
+    // StreamSupervisor::Host
+    const std::string& liveNotice() const override { return state_.liveNotice; }
+    std::optional<std::string> rearmTranscription(CaptureChannel channel) override {
+        return connections_.rearmTranscription(channel);
+    }
+    bool buildsFromTranslation(CaptureChannel channel) const override;
+    void buildFromTranslation(CaptureChannel channel, bool flag) override;
+    void scheduleReconnect(CaptureChannel channel, const std::string& because) override;
+    bool isReconnecting(CaptureChannel channel) const override { return connections_.isReconnecting(channel); }
+    std::vector<CaptureChannel> activeChannels() const override { return state_.activeChannels; }
+    bool isListening() const override;
+    std::optional<Date> lastDeltaAt() const override { return ingestion_.lastDeltaAt(); }
+    std::optional<Date> lastAudibleAt() const override { return lastAudibleAt_; }
+    std::optional<double> secondsSinceAnySpeech() const override {
+        return handoff_.secondsSinceAnySpeech(deps_.scheduler.now());
+    }
 
     // Lifecycle steps.
     void runLiveStartup(const Uuid& recordingID, bool resuming);
@@ -159,6 +185,7 @@ private:
     CaptureHandoff handoff_;
     RealtimeConnections connections_;
     LiveIngestion ingestion_;
+    StreamSupervisor supervisor_;
     std::unique_ptr<TranscriptJournal> journal_;
     UsageTally liveUsage_;
 
@@ -167,6 +194,8 @@ private:
     Subscription nextSubscription_ = 1;
     bool publishPosted_ = false;
     bool captionsDirty_ = true;
+    std::size_t frozenScanned_ = 0;
+    std::size_t frozenFailures_ = 0;
     std::deque<DebugEvent> debugEvents_;
 
     std::map<CaptureChannel, double> channelLevels_;

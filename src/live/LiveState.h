@@ -51,6 +51,10 @@ struct LiveState {
     bool labelsChannels = false;
     bool translates = true;
     bool hasFailedTranslations = false;
+    // For the recording's quality notes: captions were interrupted by a lost connection; a
+    // channel's source was given up for its translation for a while.
+    bool hadCaptionOutage = false;
+    bool hadSourceStreamOutage = false;
     bool hasOutstandingTranslations = false;
 
     bool isSessionActive() const { return isLiveInterpreting || isStartingSession || activeRecordingID.has_value(); }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 
 #include <nlohmann/json.hpp>
 
@@ -30,7 +31,7 @@ void RealtimeConnections::connect(CaptureChannel channel, const Uuid& recordingI
     eventCounts_[channel] = 0;
     const auto alive = lifetime_.guard();
     raw->start(
-        host_.currentSettings(), kTargetLanguageCode, true,
+        host_.connectionSettings(channel), kTargetLanguageCode, true,
         [this, alive, raw, channel, recordingID](const RealtimeTranslationEvent& event) {
             if (alive.expired()) return;
             // A client already taken out of service reports nothing more.
@@ -38,8 +39,10 @@ void RealtimeConnections::connect(CaptureChannel channel, const Uuid& recordingI
             if (it == clients_.end() || it->second.get() != raw) return;
             ++eventCounts_[channel];
             if (event.kind == RealtimeTranslationEvent::Kind::failed ||
-                event.kind == RealtimeTranslationEvent::Kind::closed)
+                event.kind == RealtimeTranslationEvent::Kind::closed) {
                 connected_[channel] = false;  // audio is held from now until a new connection is up
+                host_.connectionLost(channel);
+            }
             host_.realtimeEvent(event, channel, recordingID);
         },
         [this, alive](const OpenAIDebugLog& log) {
@@ -72,13 +75,33 @@ void RealtimeConnections::send(CaptureChannel channel, const PCMBytes& pcm) {
 }
 
 void RealtimeConnections::flushPending(CaptureChannel channel) {
-    PCMBytes held = host_.takePendingAudio(channel);
-    if (held.empty()) return;
-    const double seconds = double(held.size()) / double(kWorkingBytesPerSecond);
-    send(channel, held);
+    CaptureHandoff::Held held = host_.takePendingAudio(channel);
+    const double seconds = double(held.bytes.size()) / double(kWorkingBytesPerSecond);
+    const double dropped = double(held.droppedBytes) / double(kWorkingBytesPerSecond);
+    if (!held.bytes.empty()) send(channel, held.bytes);
+    if (held.afterOutage) {
+        if (held.bytes.empty() && held.droppedBytes == 0) return;
+        char text[96];
+        std::snprintf(text, sizeof text, "\nheldS: %.1f\ndroppedS: %.1f", seconds, dropped);
+        debug(dropped > 0 ? Level::warning : Level::info, "补送断线期间的音频",
+              "channel: " + std::string(rawValue(channel)) + text +
+                  (dropped > 0 ? "\n断线太久，最早的部分没能保留。" : ""),
+              "outage_audio_flushed");
+        return;
+    }
+    if (held.bytes.empty()) return;
     debug(Level::info, "补送握手期间的音频",
           "channel: " + std::string(rawValue(channel)) + ", " + std::to_string(std::lround(seconds)) + "s 左右",
           "handshake_audio_flushed");
+}
+
+std::optional<std::string> RealtimeConnections::rearmTranscription(CaptureChannel channel) {
+    auto it = clients_.find(channel);
+    if (it == clients_.end()) return std::nullopt;
+    const auto alive = lifetime_.guard();
+    return it->second->rearmTranscription([this, alive](const OpenAIDebugLog& log) {
+        if (!alive.expired()) host_.clientDebug(log);
+    });
 }
 
 std::map<CaptureChannel, std::unique_ptr<RealtimeConnections::Client>> RealtimeConnections::takeRealtimeClients() {
@@ -154,6 +177,8 @@ void RealtimeConnections::scheduleRealtimeReconnect(CaptureChannel channel, cons
     reconnectTasks_[channel] = scheduler_.after(delay, [this, channel, recordingID] {
         if (!host_.mayReconnect(recordingID, channel)) return;
         // The old client goes out of service first; audio keeps being held meanwhile.
+        connected_[channel] = false;
+        host_.connectionLost(channel);
         if (auto it = clients_.find(channel); it != clients_.end()) {
             std::map<CaptureChannel, std::unique_ptr<Client>> old;
             old.emplace(channel, std::move(it->second));

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "audio/RealtimePCMEncoder.h"
+#include "live/CaptureHandoff.h"
 #include "core/Scheduler.h"
 #include "services/OpenAIRealtimeTranslationClient.h"
 #include "transcript/CaptureChannel.h"
@@ -30,11 +31,15 @@ public:
                                    const Uuid& recordingID) = 0;
         virtual void clientDebug(const OpenAIDebugLog& log) = 0;
         // Audio held for the channel while it had no connection, taken for sending.
-        virtual PCMBytes takePendingAudio(CaptureChannel channel) = 0;
+        virtual CaptureHandoff::Held takePendingAudio(CaptureChannel channel) = 0;
+        // The channel has no working connection from now until a new one is up.
+        virtual void connectionLost(CaptureChannel channel) = 0;
         // On air, not paused, on the realtime engine, this recording, this channel.
         virtual bool mayReconnect(const Uuid& recordingID, CaptureChannel channel) const = 0;
         virtual void setLiveNotice(std::string notice) = 0;
-        virtual TranslatorSettings currentSettings() const = 0;
+        // The settings a connection of the channel starts with (a remembered transcription
+        // model applied).
+        virtual TranslatorSettings connectionSettings(CaptureChannel channel) const = 0;
     };
 
     // The language the translation endpoint is asked for: the user reads Chinese.
@@ -50,8 +55,11 @@ public:
     bool hasClient(CaptureChannel channel) const { return clients_.count(channel) > 0; }
     // One chunk on the channel's socket; counted as billed audio.
     void send(CaptureChannel channel, const PCMBytes& pcm);
-    // Everything held during the handshake, as one message.
+    // Everything held during the handshake or an outage, as one message.
     void flushPending(CaptureChannel channel);
+    // Re-sends the transcription configuration on the channel's open connection; the new
+    // model when it changed.
+    std::optional<std::string> rearmTranscription(CaptureChannel channel);
 
     // Empties the map and returns the clients, so that nothing can touch them while closing.
     std::map<CaptureChannel, std::unique_ptr<Client>> takeRealtimeClients();

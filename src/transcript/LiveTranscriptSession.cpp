@@ -76,6 +76,10 @@ void LiveTranscriptSession::append(TranscriptEvent event) {
                 if (frozenSentenceIDs_.count(p.id)) thawCaptions();
         },
         event.payload);
+    // A revised source may make a settled sentence owed a pass again.
+    if (auto* revised = std::get_if<TranscriptEvent::SourceRevised>(&event.payload);
+        revised && claimsSettledIDs_.count(revised->id))
+        resetClaimsWatermark();
     log_.append(std::move(event));
     didAppend();
 }
@@ -147,6 +151,8 @@ void LiveTranscriptSession::reset() {
     annotated_.clear();
     provisionallyAttempted_.clear();
     repaired_.clear();
+    resetClaimsWatermark();
+    claimsConfig_.reset();
     glossaryScannedAt_ = summarizedAt_ = contextRepairedAt_ = 0;
 }
 
@@ -157,20 +163,57 @@ std::vector<const Sentence*> LiveTranscriptSession::closedSentences() {
     return out;
 }
 
+void LiveTranscriptSession::resetClaimsWatermark() {
+    claimsSettled_ = 0;
+    claimsSettledIDs_.clear();
+}
+
+std::size_t LiveTranscriptSession::claimsFrom(const TranslationRouter::Config& config) {
+    // Another configuration may owe settled sentences something: walk them all once.
+    if (claimsConfig_ != config) {
+        claimsConfig_ = config;
+        resetClaimsWatermark();
+    }
+    return std::min(claimsSettled_, snapshot().sentences().size());
+}
+
+void LiveTranscriptSession::advanceClaimsWatermark(Date now) {
+    const auto& sentences = snapshot().sentences();
+    // Only past sentences that started long ago: a sentence closing later started recently,
+    // so it is placed after them. An open sentence stops the walk.
+    const Date limit = now - kClaimsSettleSeconds;
+    while (claimsSettled_ < sentences.size()) {
+        const Sentence& s = sentences[claimsSettled_];
+        if (!s.isClosed || !(s.startedAt < limit)) break;
+        claimsSettledIDs_.insert(s.id);
+        ++claimsSettled_;
+    }
+}
+
 std::vector<TranslationRouter::Request> LiveTranscriptSession::claimPendingRequests(Date now) {
     checkThread();
     const auto config = routing();
+    const std::size_t from = claimsFrom(config);
     std::vector<TranslationRouter::Request> out;
-    for (auto& r : TranslationRouter::pendingRequests(snapshot().sentences(), config, now))
+    for (auto& r : TranslationRouter::pendingRequests(snapshot().sentences(), config, now, from))
         if (attempted_.insert(r.sentenceID).second) out.push_back(std::move(r));
+    // Everything due now was claimed just now: what is left behind is settled.
+    advanceClaimsWatermark(now);
     return out;
+}
+
+std::optional<Date> LiveTranscriptSession::nextDeadline(Date now) {
+    checkThread();
+    const auto config = routing();
+    return TranslationRouter::nextDeadline(snapshot().sentences(), config, now, claimsFrom(config));
 }
 
 std::vector<TranslationRouter::Request> LiveTranscriptSession::claimProvisionalRequests() {
     checkThread();
     const auto config = routing();
+    const std::size_t from = claimsFrom(config);
     std::vector<TranslationRouter::Request> out;
-    for (auto& r : TranslationRouter::provisionalRequests(snapshot().sentences(), config)) {
+    for (auto& r : TranslationRouter::provisionalRequests(snapshot().sentences(), config, from)) {
         const std::size_t count = text::graphemeCount(r.text);
         auto it = provisionallyAttempted_.find(r.sentenceID);
         // A draft again only once the sentence has grown by a step: every delta would be too often.
@@ -262,6 +305,7 @@ std::vector<TranslationRouter::Request> LiveTranscriptSession::retryFailedTransl
     checkThread();
     for (const Sentence& s : snapshot().sentences())
         if (s.translationFailure) attempted_.erase(s.id);
+    resetClaimsWatermark();  // failed sentences may lie anywhere
     return claimPendingRequests(now);
 }
 

@@ -81,6 +81,12 @@ public:
     // The best texts of the last `limit` closed sentences with a source, leaving out `excluding`.
     std::vector<std::string> contextForRepair(const std::vector<SentenceID>& excluding, int limit);
 
+    // Sentences that started this long before a claim, closed and claimed (or owed nothing),
+    // are settled: later claims walk from past them, so that their cost stays flat over hours.
+    static constexpr double kClaimsSettleSeconds = 120.0;
+    // The earliest moment after `now` at which a sentence held for its repair is due.
+    std::optional<Date> nextDeadline(Date now);
+
     // How many characters a draft must have grown by before it is drafted again.
     static constexpr std::size_t kProvisionalStep = 16;
     static constexpr double kCaptionSettleSeconds = 10.0;
@@ -113,6 +119,13 @@ private:
     // between (an anchor reaching back) could have joined the last frozen paragraph.
     std::optional<SentenceID> firstLiveSentenceID_;
     std::optional<Shape> frozenShape_;
+    // Claims walk from here: every sentence before it is settled (see kClaimsSettleSeconds).
+    std::size_t claimsFrom(const TranslationRouter::Config& config);
+    void advanceClaimsWatermark(Date now);
+    void resetClaimsWatermark();
+    std::size_t claimsSettled_ = 0;
+    std::set<SentenceID> claimsSettledIDs_;
+    std::optional<TranslationRouter::Config> claimsConfig_;
     std::size_t glossaryScannedAt_ = 0;
     std::size_t summarizedAt_ = 0;
     std::size_t contextRepairedAt_ = 0;

@@ -37,6 +37,18 @@ private:
     std::deque<const Sentence*> recent_;
 };
 
+// Where a walk from `from` begins: far enough back that the context of the first sentence
+// it considers is complete.
+std::size_t contextStart(const TimelineList<Sentence>& sentences, std::size_t from, int contextSentences) {
+    from = std::min(from, sentences.size());
+    std::size_t start = from;
+    for (int found = 0; start > 0 && found < contextSentences;) {
+        --start;
+        if (sentences[start].isClosed) ++found;
+    }
+    return start;
+}
+
 enum class Due { skip, heldForRepair, due };
 
 // The tests of pendingRequests for one closed sentence; `text` receives the text to send.
@@ -84,11 +96,17 @@ std::optional<TranslationOrigin> origin(const Sentence& sentence, const Config& 
     return std::nullopt;
 }
 
-std::vector<Request> pendingRequests(const TimelineList<Sentence>& sentences, const Config& config, Date now) {
+std::vector<Request> pendingRequests(const TimelineList<Sentence>& sentences, const Config& config, Date now,
+                                     std::size_t from) {
     std::vector<Request> out;
     Context context(config.contextSentences, true);
-    for (const Sentence& s : sentences) {
+    for (std::size_t i = contextStart(sentences, from, config.contextSentences); i < sentences.size(); ++i) {
+        const Sentence& s = sentences[i];
         if (!s.isClosed) continue;
+        if (i < from) {
+            context.add(s);
+            continue;
+        }
         std::optional<TranslationOrigin> o;
         std::string text;
         if (dueness(s, config, now, o, text) == Due::due)
@@ -98,13 +116,15 @@ std::vector<Request> pendingRequests(const TimelineList<Sentence>& sentences, co
     return out;
 }
 
-std::vector<Request> provisionalRequests(const TimelineList<Sentence>& sentences, const Config& config) {
+std::vector<Request> provisionalRequests(const TimelineList<Sentence>& sentences, const Config& config,
+                                         std::size_t from) {
     std::vector<Request> out;
     if (!config.translates) return out;
     Context context(config.contextSentences, false);
     Config drafting = config;
     drafting.refineFinishedSentences = true;
-    for (const Sentence& s : sentences) {
+    for (std::size_t i = contextStart(sentences, from, config.contextSentences); i < sentences.size(); ++i) {
+        const Sentence& s = sentences[i];
         if (s.isClosed) {
             context.add(s);
             continue;
@@ -132,10 +152,12 @@ std::vector<Request> repairRequests(const TimelineList<Sentence>& sentences, con
     return out;
 }
 
-std::optional<Date> nextDeadline(const TimelineList<Sentence>& sentences, const Config& config, Date now) {
+std::optional<Date> nextDeadline(const TimelineList<Sentence>& sentences, const Config& config, Date now,
+                                 std::size_t from) {
     if (!config.repairsSource) return std::nullopt;
     std::optional<Date> earliest;
-    for (const Sentence& s : sentences) {
+    for (std::size_t i = std::min(from, sentences.size()); i < sentences.size(); ++i) {
+        const Sentence& s = sentences[i];
         if (!s.isClosed) continue;
         std::optional<TranslationOrigin> o;
         std::string text;

@@ -42,14 +42,21 @@ struct Request {
 // The kind of work a sentence calls for, if any.
 std::optional<TranslationOrigin> origin(const Sentence& sentence, const Config& config);
 
+// Each walk may start at `from`: the sentences before it are known to be settled (closed,
+// and claimed or owed nothing), and serve only as context. A long session's claims then
+// cost its live tail, not its hours.
+
 // Requests for closed sentences due for translation at `now`.
-std::vector<Request> pendingRequests(const TimelineList<Sentence>& sentences, const Config& config, Date now);
+std::vector<Request> pendingRequests(const TimelineList<Sentence>& sentences, const Config& config, Date now,
+                                     std::size_t from = 0);
 // Requests for drafts of open sentences.
-std::vector<Request> provisionalRequests(const TimelineList<Sentence>& sentences, const Config& config);
+std::vector<Request> provisionalRequests(const TimelineList<Sentence>& sentences, const Config& config,
+                                         std::size_t from = 0);
 // Requests for source repair of closed sentences.
 std::vector<Request> repairRequests(const TimelineList<Sentence>& sentences, const Config& config);
 // The earliest moment after `now` at which a sentence held back for its repair is due.
-std::optional<Date> nextDeadline(const TimelineList<Sentence>& sentences, const Config& config, Date now);
+std::optional<Date> nextDeadline(const TimelineList<Sentence>& sentences, const Config& config, Date now,
+                                 std::size_t from = 0);
 
 }  // namespace osv::TranslationRouter
 

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "LogBuilder.h"
+#include "RandomSession.h"
 #include "transcript/FuriganaMarkup.h"
 #include "transcript/LiveTranscriptSession.h"
 
@@ -127,6 +130,33 @@ TEST(FuriganaMarkup, ParsesReadingsOnlyAfterKanjiAndWithKana) {
     EXPECT_EQ(FuriganaMarkup::trailingKanji("山東は"), std::nullopt);
     EXPECT_TRUE(FuriganaMarkup::needsAnnotation("はい、今日"));
     EXPECT_FALSE(FuriganaMarkup::needsAnnotation("はい、そうです"));
+}
+
+}  // namespace
+}  // namespace osv
+
+namespace osv {
+namespace {
+
+// The claims walk from a watermark past settled sentences; over a long random session they
+// must hand out exactly what a walk over every sentence hands out, context included.
+TEST(SessionClaims, FromTheWatermarkMatchAWalkOverEverySentence) {
+    std::mt19937 rng(11);
+    const TranscriptEventLog log = testing::randomSession(rng, 2500);
+    LiveTranscriptSession session;
+    std::set<SentenceID> attempted;
+    std::size_t claimed = 0;
+    for (const TranscriptEvent& event : log.events) {
+        const Date now = event.at;
+        session.append(event);
+        std::vector<TranslationRouter::Request> expected;
+        for (auto& r : TranslationRouter::pendingRequests(session.snapshot().sentences(), session.routing(), now))
+            if (attempted.insert(r.sentenceID).second) expected.push_back(std::move(r));
+        ASSERT_EQ(session.claimPendingRequests(now), expected) << "at " << now.seconds;
+        claimed += expected.size();
+    }
+    EXPECT_GT(claimed, 100u);
+    EXPECT_GT(log.events.back().at - log.events.front().at, 3 * LiveTranscriptSession::kClaimsSettleSeconds);
 }
 
 }  // namespace
