@@ -241,6 +241,44 @@ TEST_F(LiveControllerTest, AFailedConnectionReconnectsWithBackoffAndHoldsAudioMe
     EXPECT_TRUE(state().isLiveInterpreting);
 }
 
+TEST_F(LiveControllerTest, AnOutageHoldsTheLastTwentySecondsAndTheFlushSaysWhatWasDropped) {
+    startOnAir();
+    std::vector<DebugEvent> flushes;
+    controller->onDebug = [&](const DebugEvent& e) {
+        codes.push_back(e.code.value_or(e.title));
+        if (e.code == "outage_audio_flushed") flushes.push_back(e);
+    };
+    connection(0).end(WebSocketEnd::Reason::failed, "reset by peer");
+    scheduler.runUntilIdle();
+    // 25 seconds said while the service is unreachable; the reconnects keep failing.
+    for (int i = 0; i < 25; ++i) {
+        speak(CaptureSide::system, 1.0);
+        scheduler.advance(1.0);
+        auto& last = *transport.connections.back();
+        if (!last.open && !last.destroyed && !last.closeCode && &last != &connection(0))
+            last.end(WebSocketEnd::Reason::failed, "refused", false);
+        scheduler.runUntilIdle();
+    }
+    scheduler.advance(15.0);
+    auto& fresh = *transport.connections.back();
+    fresh.accept();
+    scheduler.runUntilIdle();
+    ASSERT_EQ(flushes.size(), 1u);
+    EXPECT_NE(flushes[0].details.find("heldS: 20.0"), std::string::npos) << flushes[0].details;
+    EXPECT_NE(flushes[0].details.find("droppedS: 5.0"), std::string::npos) << flushes[0].details;
+    // One message of twenty seconds of audio.
+    std::size_t appends = 0;
+    for (const auto& sent : fresh.sent)
+        if (sent.find("input_audio_buffer.append") != std::string::npos) ++appends;
+    EXPECT_EQ(appends, 1u);
+    // Text of the held speech arrives late: it is not taken for text made up from silence.
+    scheduler.advance(10.0);
+    fresh.text(R"({"type":"session.input_transcript.delta","delta":"遅れて届いた言葉"})");
+    scheduler.runUntilIdle();
+    EXPECT_EQ(controller->ingestion().unheardDeltas(CaptureChannel::system), 0);
+    EXPECT_EQ(controller->connections().reconnectAttempts(CaptureChannel::system), 0);
+}
+
 TEST_F(LiveControllerTest, StopDrainsClosesOnceMergesAndFilesTheSession) {
     startOnAir();
     speak(CaptureSide::system);
