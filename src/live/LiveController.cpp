@@ -28,7 +28,8 @@ LiveController::LiveController(Dependencies dependencies)
     : deps_(std::move(dependencies)),
       dispatch_(deps_.dispatch ? *deps_.dispatch : static_cast<TranslationDispatch&>(noDispatch_)),
       recorder_(deps_.scheduler, deps_.sources, deps_.chunkWriter),
-      connections_(deps_.scheduler, deps_.makeRealtimeClient, *this),
+      connections_(deps_.scheduler, deps_.makeRealtimeClient, *this,
+                   deps_.rotation.value_or(RealtimeConnections::RotationPolicy::fromEnvironment())),
       ingestion_(deps_.scheduler, liveTranscript_, dispatch_, *this),
       supervisor_(deps_.scheduler, *this) {}
 
@@ -168,6 +169,13 @@ TranslatorSettings LiveController::connectionSettings(CaptureChannel channel) co
     if (auto model = supervisor_.degradedTranscribeModel(channel))
         settings.models.set(*model, ModelJob::realtimeTranscribe, settings.activeMode);
     return settings;
+}
+
+bool LiveController::isQuietMoment(CaptureChannel channel) const {
+    const Date now = deps_.scheduler.now();
+    if (auto boundary = ingestion_.lastBoundaryAt(channel); boundary && now - *boundary <= 0.5) return true;
+    const SpeechWitness* witness = handoff_.witness(channel);
+    return !witness || !witness->lastSpeechAt || now - *witness->lastSpeechAt >= 1.0;
 }
 
 bool LiveController::buildsFromTranslation(CaptureChannel channel) const {

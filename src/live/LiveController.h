@@ -53,6 +53,8 @@ public:
         RealtimeConnections::ClientFactory makeRealtimeClient;
         // None: no sentence passes until lanes are wired.
         TranslationDispatch* dispatch = nullptr;
+        // None: as the environment says (OSV_REALTIME_ROTATE_AFTER), else the defaults.
+        std::optional<RealtimeConnections::RotationPolicy> rotation;
     };
 
     // Seconds of each recording chunk in the realtime engine: few files, and a crash loses
@@ -135,6 +137,7 @@ private:
     bool mayReconnect(const Uuid& recordingID, CaptureChannel channel) const override;
     void setLiveNotice(std::string notice) override;
     TranslatorSettings connectionSettings(CaptureChannel channel) const override;
+    bool isQuietMoment(CaptureChannel channel) const override;
     // StreamSupervisor::Host
     const std::string& liveNotice() const override { return state_.liveNotice; }
     std::optional<std::string> rearmTranscription(CaptureChannel channel) override {

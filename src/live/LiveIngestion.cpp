@@ -39,6 +39,7 @@ LiveIngestion::LiveIngestion(Scheduler& scheduler, LiveTranscriptSession& sessio
 void LiveIngestion::reset() {
     cancelTimers();
     unheardDeltas_.clear();
+    lastBoundaryAt_.clear();
     lastSourceEventAt_.clear();
     lastTranslationEventAt_.clear();
     sourceEventCounts_.clear();
@@ -54,6 +55,11 @@ void LiveIngestion::cancelTimers() { finalizeTasks_.clear(); }
 int LiveIngestion::unheardDeltas(CaptureChannel channel) const {
     auto it = unheardDeltas_.find(channel);
     return it == unheardDeltas_.end() ? 0 : it->second;
+}
+
+std::optional<Date> LiveIngestion::lastBoundaryAt(CaptureChannel channel) const {
+    auto it = lastBoundaryAt_.find(channel);
+    return it == lastBoundaryAt_.end() ? std::nullopt : std::optional<Date>(it->second);
 }
 
 bool LiveIngestion::hasPendingFinalization(CaptureChannel channel) const {
@@ -124,6 +130,7 @@ void LiveIngestion::finalizeRealtimeSegment(const Uuid& recordingID, CaptureChan
     const std::size_t before = session_.log().size();
     session_.closeUtterance(channel, reason, scheduler_.now());
     if (session_.log().size() == before) return;
+    lastBoundaryAt_[channel] = scheduler_.now();
 
     std::vector<SentenceID> closed;
     const auto& events = session_.log().events;

@@ -60,6 +60,8 @@ public:
     bool hasEverReceivedDelta() const { return hasEverReceivedDelta_; }
     int unheardDeltas(CaptureChannel channel) const;
     bool hasPendingFinalization(CaptureChannel channel) const;
+    // When a boundary last closed something on the channel.
+    std::optional<Date> lastBoundaryAt(CaptureChannel channel) const;
     // Set at each start: the first delta's latency is measured from it.
     Date sessionStartedAt;
 
@@ -70,6 +72,7 @@ private:
     Host& host_;
     std::map<CaptureChannel, TimerHandle> finalizeTasks_;
     std::map<CaptureChannel, int> unheardDeltas_;
+    std::map<CaptureChannel, Date> lastBoundaryAt_;
     std::map<CaptureChannel, Date> lastSourceEventAt_;
     std::map<CaptureChannel, Date> lastTranslationEventAt_;
     std::map<CaptureChannel, int> sourceEventCounts_;

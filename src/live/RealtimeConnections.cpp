@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 
 #include <nlohmann/json.hpp>
 
@@ -12,8 +13,19 @@ namespace osv {
 
 using Level = DebugEvent::Level;
 
-RealtimeConnections::RealtimeConnections(Scheduler& scheduler, ClientFactory factory, Host& host)
-    : scheduler_(scheduler), factory_(std::move(factory)), host_(host) {}
+RealtimeConnections::RotationPolicy RealtimeConnections::RotationPolicy::fromEnvironment() {
+    RotationPolicy policy;
+    if (const char* given = std::getenv("OSV_REALTIME_ROTATE_AFTER"); given && *given) {
+        char* end = nullptr;
+        const double seconds = std::strtod(given, &end);
+        if (end && *end == '\0' && seconds > 0) policy.overrideAgeSeconds = seconds;
+    }
+    return policy;
+}
+
+RealtimeConnections::RealtimeConnections(Scheduler& scheduler, ClientFactory factory, Host& host,
+                                         RotationPolicy rotation)
+    : scheduler_(scheduler), factory_(std::move(factory)), host_(host), rotation_(rotation) {}
 
 RealtimeConnections::~RealtimeConnections() = default;
 
@@ -22,9 +34,21 @@ void RealtimeConnections::debug(Level level, std::string title, std::string deta
                                      std::move(code)});
 }
 
+std::unique_ptr<RealtimeConnections::Client> RealtimeConnections::makeClient(CaptureChannel, const Uuid&) {
+    return factory_();
+}
+
 void RealtimeConnections::connect(CaptureChannel channel, const Uuid& recordingID,
                                   std::function<void(Expected<void>)> done) {
-    auto client = factory_();
+    // A rotation under way gives way to the new connection.
+    if (auto r = rotating_.find(channel); r != rotating_.end()) {
+        std::map<CaptureChannel, std::unique_ptr<Client>> abandoned;
+        abandoned.emplace(channel, std::move(r->second));
+        rotating_.erase(r);
+        closeGracefully(std::move(abandoned));
+    }
+    rotationChecks_.erase(channel);
+    auto client = makeClient(channel, recordingID);
     Client* raw = client.get();
     clients_[channel] = std::move(client);
     connected_[channel] = false;
@@ -34,12 +58,20 @@ void RealtimeConnections::connect(CaptureChannel channel, const Uuid& recordingI
         host_.connectionSettings(channel), kTargetLanguageCode, true,
         [this, alive, raw, channel, recordingID](const RealtimeTranslationEvent& event) {
             if (alive.expired()) return;
+            using Kind = RealtimeTranslationEvent::Kind;
+            // An old connection draining after a rotation still delivers its last text; nothing else.
+            for (auto& r : retired_)
+                if (r.client.get() == raw) {
+                    if (event.kind != Kind::inputTranscriptDelta && event.kind != Kind::outputTranscriptDelta) return;
+                    r.lastEventAt = scheduler_.now();
+                    host_.realtimeEvent(event, channel, recordingID);
+                    return;
+                }
             // A client already taken out of service reports nothing more.
             auto it = clients_.find(channel);
             if (it == clients_.end() || it->second.get() != raw) return;
             ++eventCounts_[channel];
-            if (event.kind == RealtimeTranslationEvent::Kind::failed ||
-                event.kind == RealtimeTranslationEvent::Kind::closed) {
+            if (event.kind == Kind::failed || event.kind == Kind::closed) {
                 connected_[channel] = false;  // audio is held from now until a new connection is up
                 host_.connectionLost(channel);
             }
@@ -48,7 +80,7 @@ void RealtimeConnections::connect(CaptureChannel channel, const Uuid& recordingI
         [this, alive](const OpenAIDebugLog& log) {
             if (!alive.expired()) host_.clientDebug(log);
         },
-        [this, alive, raw, channel, done = std::move(done)](Expected<void> result) {
+        [this, alive, raw, channel, recordingID, done = std::move(done)](Expected<void> result) {
             if (alive.expired()) return;
             auto it = clients_.find(channel);
             const bool current = it != clients_.end() && it->second.get() == raw;
@@ -56,10 +88,140 @@ void RealtimeConnections::connect(CaptureChannel channel, const Uuid& recordingI
                 connected_[channel] = true;
                 connectedAt_[channel] = scheduler_.now();
                 flushPending(channel);
+                armRotationCheck(channel, recordingID, 1.0);
             }
             if (!current && result) result = Error{"realtime_superseded", "连接已被替换。"};
             if (done) done(std::move(result));
         });
+}
+
+std::optional<Date> RealtimeConnections::rotationDueAt(CaptureChannel channel) const {
+    auto at = connectedAt_.find(channel);
+    auto client = clients_.find(channel);
+    if (at == connectedAt_.end() || client == clients_.end()) return std::nullopt;
+    if (rotation_.overrideAgeSeconds) return at->second + *rotation_.overrideAgeSeconds;
+    if (auto expires = client->second->sessionExpiresAt())
+        return std::max(at->second, Date::fromUnixSeconds(*expires) - rotation_.beforeExpirySeconds);
+    return at->second + rotation_.defaultAgeSeconds;
+}
+
+void RealtimeConnections::armRotationCheck(CaptureChannel channel, const Uuid& recordingID, double seconds) {
+    rotationChecks_[channel] = scheduler_.after(seconds, [this, channel, recordingID] { checkRotation(channel, recordingID); });
+}
+
+// Runs while a channel has a connection: far from the due time it looks again shortly before
+// it; once due, it waits for a quiet moment, at the latest quietWaitSeconds.
+void RealtimeConnections::checkRotation(CaptureChannel channel, const Uuid& recordingID) {
+    if (!host_.mayReconnect(recordingID, channel) || !isConnected(channel) || isRotating(channel)) {
+        if (clients_.count(channel)) armRotationCheck(channel, recordingID, 1.0);
+        return;
+    }
+    const auto due = rotationDueAt(channel);
+    if (!due) return;
+    const Date now = scheduler_.now();
+    if (now < *due) {
+        armRotationCheck(channel, recordingID, std::clamp(*due - now, 0.2, 30.0));
+        return;
+    }
+    if (host_.isQuietMoment(channel) || now - *due >= rotation_.quietWaitSeconds) {
+        beginRotation(channel, recordingID);
+        return;
+    }
+    armRotationCheck(channel, recordingID, 0.2);
+}
+
+void RealtimeConnections::beginRotation(CaptureChannel channel, const Uuid& recordingID) {
+    const Date now = scheduler_.now();
+    const double age = connectedAt_.count(channel) ? now - connectedAt_[channel] : 0;
+    char details[160];
+    std::snprintf(details, sizeof details, "channel: %s\nageS: %.0f", std::string(rawValue(channel)).c_str(), age);
+    debug(Level::info, "实时连接到龄，正在轮换", std::string(details) + "\n先开新连接，连上后再放掉旧的；期间的音频先存着。",
+          "realtime_rotation_started");
+    // From here the channel's audio is held for the new connection: no byte goes to both.
+    connected_[channel] = false;
+    auto next = makeClient(channel, recordingID);
+    Client* raw = next.get();
+    rotating_[channel] = std::move(next);
+    const auto alive = lifetime_.guard();
+    raw->start(
+        host_.connectionSettings(channel), kTargetLanguageCode, true,
+        [this, alive, raw, channel, recordingID](const RealtimeTranslationEvent& event) {
+            if (alive.expired()) return;
+            using Kind = RealtimeTranslationEvent::Kind;
+            auto it = clients_.find(channel);
+            if (it == clients_.end() || it->second.get() != raw) return;  // not in service yet, or no more
+            ++eventCounts_[channel];
+            if (event.kind == Kind::failed || event.kind == Kind::closed) {
+                connected_[channel] = false;
+                host_.connectionLost(channel);
+            }
+            host_.realtimeEvent(event, channel, recordingID);
+        },
+        [this, alive](const OpenAIDebugLog& log) {
+            if (!alive.expired()) host_.clientDebug(log);
+        },
+        [this, alive, raw, channel, recordingID, age](Expected<void> result) {
+            if (alive.expired()) return;
+            auto r = rotating_.find(channel);
+            if (r == rotating_.end() || r->second.get() != raw) return;  // abandoned meanwhile
+            std::unique_ptr<Client> incoming = std::move(r->second);
+            rotating_.erase(r);
+            auto old = clients_.find(channel);
+            if (!result || old == clients_.end()) {
+                // The old connection serves on; what was held goes to it.
+                std::map<CaptureChannel, std::unique_ptr<Client>> failed;
+                failed.emplace(channel, std::move(incoming));
+                closeGracefully(std::move(failed));
+                if (old != clients_.end()) {
+                    connected_[channel] = true;
+                    flushPending(channel);
+                }
+                debug(Level::warning, "实时连接轮换失败，继续用旧连接",
+                      "channel: " + std::string(rawValue(channel)) + "\n" +
+                          (result ? std::string("旧连接已不在") : result.error().message) + "\n稍后再试。",
+                      "realtime_rotation_failed");
+                armRotationCheck(channel, recordingID, rotation_.retrySeconds);
+                return;
+            }
+            // The new connection takes the channel; the old one drains what is on its way.
+            std::unique_ptr<Client> retiring = std::move(old->second);
+            old->second = std::move(incoming);
+            connected_[channel] = true;
+            connectedAt_[channel] = scheduler_.now();
+            ++rotations_;
+            Client* retiringRaw = retiring.get();
+            retired_.push_back({std::move(retiring), scheduler_.now(), {}});
+            host_.realtimeEvent(RealtimeTranslationEvent::connected(), channel, recordingID);
+            flushPending(channel);
+            char text[160];
+            std::snprintf(text, sizeof text, "channel: %s\noldAgeS: %.0f", std::string(rawValue(channel)).c_str(), age);
+            debug(Level::success, "实时连接已轮换", std::string(text) + "\n旧连接收尾后关闭。", "realtime_rotation_succeeded");
+            drainRetired(retiringRaw, scheduler_.now() + kRetiredDrainLimitSeconds);
+            armRotationCheck(channel, recordingID, 1.0);
+        });
+}
+
+// The old connection of a rotation closes once it has been quiet for a moment, or at the latest.
+void RealtimeConnections::drainRetired(Client* client, Date deadline) {
+    auto it = std::find_if(retired_.begin(), retired_.end(), [client](const Retired& r) { return r.client.get() == client; });
+    if (it == retired_.end()) return;
+    const Date now = scheduler_.now();
+    if (now >= deadline || now - it->lastEventAt >= kRetiredQuietSeconds) {
+        std::map<CaptureChannel, std::unique_ptr<Client>> done;
+        done.emplace(CaptureChannel::system, std::move(it->client));
+        retired_.erase(it);
+        closeGracefully(std::move(done));
+        return;
+    }
+    it->poll = scheduler_.after(0.12, [this, client, deadline] { drainRetired(client, deadline); });
+}
+
+void RealtimeConnections::cancelRotations() {
+    rotationChecks_.clear();
+    std::map<CaptureChannel, std::unique_ptr<Client>> pending;
+    for (auto& [channel, client] : rotating_) pending.emplace(channel, std::move(client));
+    rotating_.clear();
+    closeGracefully(std::move(pending));
 }
 
 bool RealtimeConnections::isConnected(CaptureChannel channel) const {
@@ -105,6 +267,7 @@ std::optional<std::string> RealtimeConnections::rearmTranscription(CaptureChanne
 }
 
 std::map<CaptureChannel, std::unique_ptr<RealtimeConnections::Client>> RealtimeConnections::takeRealtimeClients() {
+    cancelRotations();
     auto taken = std::move(clients_);
     clients_.clear();
     connected_.clear();
@@ -177,6 +340,7 @@ void RealtimeConnections::scheduleRealtimeReconnect(CaptureChannel channel, cons
     reconnectTasks_[channel] = scheduler_.after(delay, [this, channel, recordingID] {
         if (!host_.mayReconnect(recordingID, channel)) return;
         // The old client goes out of service first; audio keeps being held meanwhile.
+        rotationChecks_.erase(channel);
         connected_[channel] = false;
         host_.connectionLost(channel);
         if (auto it = clients_.find(channel); it != clients_.end()) {

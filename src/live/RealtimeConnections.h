@@ -40,13 +40,35 @@ public:
         // The settings a connection of the channel starts with (a remembered transcription
         // model applied).
         virtual TranslatorSettings connectionSettings(CaptureChannel channel) const = 0;
+        // A good moment to change connections: nobody on the channel is in mid-sentence.
+        virtual bool isQuietMoment(CaptureChannel channel) const = 0;
+    };
+
+    // Rotation: the service ends a connection after a fixed lifetime, mid-sentence. Before
+    // that, at a quiet moment, a new connection is opened; once it is up it takes the audio
+    // and the old one drains and closes, so that no caption is lost or doubled.
+    struct RotationPolicy {
+        // Rotate once a connection is this old, unless the service said when it expires.
+        double defaultAgeSeconds = 55 * 60.0;
+        double beforeExpirySeconds = 5 * 60.0;
+        // From the due time, wait for a quiet moment at most this long.
+        double quietWaitSeconds = 3 * 60.0;
+        // After a failed rotation the old connection serves on; the next try comes this much later.
+        double retrySeconds = 30.0;
+        // Set (OSV_REALTIME_ROTATE_AFTER) for tests and demos: overrides everything above.
+        std::optional<double> overrideAgeSeconds;
+        static RotationPolicy fromEnvironment();
     };
 
     // The language the translation endpoint is asked for: the user reads Chinese.
     static constexpr const char* kTargetLanguageCode = "zh";
     static constexpr double kMaximumBackoffSeconds = 15.0;
+    // An old connection of a rotation drains as a stopping session does.
+    static constexpr double kRetiredQuietSeconds = 0.6;
+    static constexpr double kRetiredDrainLimitSeconds = 2.5;
 
-    RealtimeConnections(Scheduler& scheduler, ClientFactory factory, Host& host);
+    RealtimeConnections(Scheduler& scheduler, ClientFactory factory, Host& host,
+                        RotationPolicy rotation = RotationPolicy::fromEnvironment());
     ~RealtimeConnections();
 
     // Opens the channel's connection. `done` runs once, on the main thread, never inside this call.
@@ -75,6 +97,11 @@ public:
     // Cancels every reconnect and forgets the counts.
     void cancelReconnects();
 
+    // When the channel's connection is due for rotation; none without a connection.
+    std::optional<Date> rotationDueAt(CaptureChannel channel) const;
+    bool isRotating(CaptureChannel channel) const { return rotating_.count(channel) > 0; }
+    int rotations() const { return rotations_; }
+
     bool hadCaptionOutage = false;
     double unbilledAudioSeconds = 0;
     std::optional<Date> connectedAt(CaptureChannel channel) const;
@@ -82,6 +109,12 @@ public:
 
 private:
     void debug(DebugEvent::Level level, std::string title, std::string details, std::optional<std::string> code);
+    std::unique_ptr<Client> makeClient(CaptureChannel channel, const Uuid& recordingID);
+    void armRotationCheck(CaptureChannel channel, const Uuid& recordingID, double seconds);
+    void checkRotation(CaptureChannel channel, const Uuid& recordingID);
+    void beginRotation(CaptureChannel channel, const Uuid& recordingID);
+    void drainRetired(Client* client, Date deadline);
+    void cancelRotations();
 
     Scheduler& scheduler_;
     ClientFactory factory_;
@@ -93,6 +126,16 @@ private:
     std::map<CaptureChannel, TimerHandle> reconnectTasks_;
     std::map<CaptureChannel, int> reconnectAttempts_;
     std::vector<std::unique_ptr<Client>> closing_;
+    RotationPolicy rotation_;
+    std::map<CaptureChannel, TimerHandle> rotationChecks_;
+    std::map<CaptureChannel, std::unique_ptr<Client>> rotating_;  // the new connection, in its handshake
+    struct Retired {
+        std::unique_ptr<Client> client;
+        Date lastEventAt;
+        TimerHandle poll;
+    };
+    std::vector<Retired> retired_;  // old connections draining after a rotation
+    int rotations_ = 0;
     Lifetime lifetime_;
 };
 

@@ -179,6 +179,7 @@ void OpenAIRealtimeTranslationClient::start(const TranslatorSettings& settings, 
     fallbackTranscriptionModel_ = settings.models.resolved(ModelJob::fileTranscribe, settings.activeMode);
     targetLanguage_ = std::move(targetLanguageCode);
     didRetryTranscriptionModel_ = false;
+    sessionExpiresAt_.reset();
 
     debug(onDebug_, log(Level::info, "连接 Realtime 同传",
                         "endpoint: /v1/realtime/translations\nmodel: " + model + "\ntranscription: " +
@@ -301,6 +302,7 @@ void OpenAIRealtimeTranslationClient::receive(const WebSocketFrame& frame) {
 bool OpenAIRealtimeTranslationClient::handle(const RealtimeServerEvent& event, const EventHandler& onEvent,
                                              const DebugHandler& onDebug) {
     eventTypeCounts_[event.type] += 1;
+    if (event.sessionExpiresAt) sessionExpiresAt_ = event.sessionExpiresAt;
     const Route route = RealtimeEventRoute::route(event.type);
     const std::optional<std::string> whole = event.wholeText();
 

@@ -112,6 +112,8 @@ public:
     bool hasSocket() const { return socket_ != nullptr; }
 
     const std::string& transcriptionModel() const { return transcriptionModel_; }
+    // When the service said it will end this connection (Unix seconds), from session.created.
+    std::optional<double> sessionExpiresAt() const { return sessionExpiresAt_; }
     const std::string& fallbackTranscriptionModel() const { return fallbackTranscriptionModel_; }
     const std::map<std::string, int>& eventTypeCounts() const { return eventTypeCounts_; }
 
@@ -146,6 +148,7 @@ private:
     std::string fallbackTranscriptionModel_;
     std::string targetLanguage_;
     bool didRetryTranscriptionModel_ = false;
+    std::optional<double> sessionExpiresAt_;
     RealtimeStreamReader reader_;
     std::map<std::string, int> eventTypeCounts_;
     std::set<std::string> reportedUnknownTypes_;

@@ -47,6 +47,10 @@ std::optional<RealtimeServerEvent> RealtimeServerEvent::decode(std::string_view 
             return std::nullopt;
         e.error = std::move(payload);
     }
+    // Read forgivingly: a connection's lifetime is a hint for rotating early, never a reason to drop the event.
+    if (const auto session = j.find("session"); session != j.end() && session->is_object())
+        if (const auto expires = session->find("expires_at"); expires != session->end() && expires->is_number())
+            e.sessionExpiresAt = expires->get<double>();
     return e;
 }
 

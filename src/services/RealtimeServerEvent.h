@@ -26,6 +26,8 @@ struct RealtimeServerEvent {
     std::optional<std::string> transcript;
     std::optional<std::string> text;
     std::optional<ErrorPayload> error;
+    // session.created: when the service will end this connection, Unix seconds.
+    std::optional<double> sessionExpiresAt;
 
     // None when the text is not a JSON object of that shape.
     static std::optional<RealtimeServerEvent> decode(std::string_view json);

@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "audio/ScriptedFrameSources.h"
+#include "core/Base64.h"
 #include "core/Json.h"
 #include "core/ManualScheduler.h"
 #include "live/LiveController.h"
@@ -45,7 +46,11 @@ struct RecordingDispatch final : TranslationDispatch {
 
 class LiveControllerTest : public ::testing::Test {
 protected:
-    void SetUp() override {
+    void SetUp() override { open(); }
+    // Opens the library and the controller (again, after a test changed the rotation policy).
+    void open() {
+        controller.reset();
+        library.reset();
         fs::create_directories(dir);
         RecordingLibrary::Options options;
         options.supportDirectory = dir;
@@ -61,7 +66,7 @@ protected:
             [this] {
                 return std::make_unique<OpenAIRealtimeTranslationClient>(transport, scheduler, "http://127.0.0.1:9/v1");
             },
-            &dispatch});
+            &dispatch, rotation});
         controller->onDebug = [this](const DebugEvent& e) { codes.push_back(e.code.value_or(e.title)); };
     }
     void TearDown() override {
@@ -119,6 +124,7 @@ protected:
     FakeMerger merger;
     RecordingDispatch dispatch;
     TranslatorSettings settings;
+    std::optional<RealtimeConnections::RotationPolicy> rotation = RealtimeConnections::RotationPolicy{};
     std::unique_ptr<RecordingLibrary> library;
     std::unique_ptr<LiveController> controller;
     std::vector<std::string> codes;
@@ -277,6 +283,108 @@ TEST_F(LiveControllerTest, AnOutageHoldsTheLastTwentySecondsAndTheFlushSaysWhatW
     scheduler.runUntilIdle();
     EXPECT_EQ(controller->ingestion().unheardDeltas(CaptureChannel::system), 0);
     EXPECT_EQ(controller->connections().reconnectAttempts(CaptureChannel::system), 0);
+}
+
+std::size_t appendBytes(const testing::FakeWebSocketConnection& c) {
+    std::size_t total = 0;
+    for (const auto& sent : c.sent) {
+        const auto j = json::parse(sent);
+        if (j && j->value("type", "") == "session.input_audio_buffer.append")
+            if (auto bytes = base64Decode(j->value("audio", ""))) total += bytes->size();
+    }
+    return total;
+}
+
+class RotationTest : public LiveControllerTest {
+protected:
+    void SetUp() override {
+        rotation = RealtimeConnections::RotationPolicy{};
+        rotation->overrideAgeSeconds = 20.0;
+        open();
+    }
+    // `seconds` of audio in 0.1 s pieces; the service answers about once a second on the
+    // connection in service, as a live one does while people talk.
+    void talk(double seconds, float level = 0.3f) {
+        for (double t = 0; t < seconds - 1e-9; t += 0.1) {
+            sources[CaptureSide::system].play(0.1, level);
+            played += 4'800;
+            scheduler.advance(0.1);
+            if (++pieces % 10 == 0)
+                for (auto it = transport.connections.rbegin(); it != transport.connections.rend(); ++it)
+                    if ((*it)->open && !(*it)->closeCode && !(*it)->destroyed) {
+                        (*it)->text(R"({"type":"session.output_transcript.delta","delta":"嗯"})");
+                        break;
+                    }
+            scheduler.runUntilIdle();
+        }
+    }
+    std::size_t sentEverywhere() {
+        std::size_t total = 0;
+        for (std::size_t i = 0; i < connectionCount(); ++i) total += appendBytes(connection(i));
+        return total;
+    }
+    std::size_t played = 0;
+    int pieces = 0;
+};
+
+TEST_F(RotationTest, AQuietMomentAfterTheAgeOpensTheNewConnectionFirstAndTheOldOneDrains) {
+    startOnAir();
+    talk(25.0);  // due at 20 s, but someone is speaking
+    ASSERT_EQ(connectionCount(), 1u);
+    talk(1.2, 0.0f);  // a second of quiet
+    ASSERT_EQ(connectionCount(), 2u);
+    EXPECT_EQ(count("realtime_rotation_started"), 1u);
+    const std::size_t oldBytes = appendBytes(connection(0));
+    talk(0.5);  // during the new handshake: held, sent to neither
+    EXPECT_EQ(appendBytes(connection(0)), oldBytes);
+    EXPECT_EQ(appendBytes(connection(1)), 0u);
+    connection(1).accept();
+    scheduler.runUntilIdle();
+    EXPECT_EQ(count("realtime_rotation_succeeded"), 1u);
+    // Every byte captured went to exactly one connection.
+    EXPECT_EQ(sentEverywhere(), played);
+    EXPECT_GE(appendBytes(connection(1)), 24'000u);
+    // The old one still delivers what was on its way, then closes once quiet.
+    source(0, "古い接続の最後の言葉。");
+    bool found = false;
+    for (const auto& e : controller->liveTranscript().log().events)
+        if (auto* d = std::get_if<TranscriptEvent::SourceDelta>(&e.payload); d && d->text == "古い接続の最後の言葉。")
+            found = true;
+    EXPECT_TRUE(found);
+    EXPECT_FALSE(connection(0).closeCode.has_value());
+    scheduler.advance(0.8);  // quiet for 0.6 s, seen at the next 0.12 s look
+    EXPECT_EQ(connection(0).closeCode, 1001);
+    EXPECT_FALSE(connection(1).closeCode.has_value());
+    talk(0.5);
+    EXPECT_EQ(appendBytes(connection(0)), oldBytes);
+    EXPECT_EQ(sentEverywhere(), played);
+    EXPECT_EQ(count("realtime_reconnect_scheduled"), 0u);
+    EXPECT_TRUE(state().isLiveInterpreting);
+}
+
+TEST_F(RotationTest, WithoutAQuietMomentTheRotationIsForcedThreeMinutesLate) {
+    startOnAir();
+    talk(20.0 + 179.5);
+    EXPECT_EQ(connectionCount(), 1u);
+    talk(1.0);
+    EXPECT_EQ(connectionCount(), 2u);
+    EXPECT_EQ(count("realtime_reconnect_scheduled"), 0u);
+}
+
+TEST_F(RotationTest, AFailedNewConnectionLeavesTheOldInServiceAndTriesAgainLater) {
+    startOnAir();
+    talk(21.0, 0.0f);
+    ASSERT_EQ(connectionCount(), 2u);
+    talk(0.3);
+    connection(1).end(WebSocketEnd::Reason::failed, "refused", false);
+    scheduler.runUntilIdle();
+    EXPECT_EQ(count("realtime_rotation_failed"), 1u);
+    EXPECT_EQ(appendBytes(connection(0)), played);  // what was held went to the old one
+    EXPECT_EQ(count("realtime_reconnect_scheduled"), 0u);
+    talk(29.0, 0.0f);
+    EXPECT_EQ(connectionCount(), 2u);
+    talk(1.5, 0.0f);
+    EXPECT_EQ(connectionCount(), 3u);
 }
 
 TEST_F(LiveControllerTest, StopDrainsClosesOnceMergesAndFilesTheSession) {
