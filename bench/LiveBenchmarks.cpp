@@ -83,7 +83,7 @@ struct ControllerSink {
         controller = std::make_unique<LiveController>(LiveController::Dependencies{
             scheduler, *library, [this] { return settings; }, sources, writer, merger,
             [this] { return std::make_unique<OpenAIRealtimeTranslationClient>(transport, scheduler, "http://127.0.0.1:9/v1"); },
-            &dispatch});
+            &dispatch, std::nullopt});
         dispatch.session = &controller->liveTranscript();
         dispatch.scheduler = &scheduler;
         controller->startLiveInterpretation();

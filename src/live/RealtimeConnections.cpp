@@ -100,8 +100,12 @@ std::optional<Date> RealtimeConnections::rotationDueAt(CaptureChannel channel) c
     auto client = clients_.find(channel);
     if (at == connectedAt_.end() || client == clients_.end()) return std::nullopt;
     if (rotation_.overrideAgeSeconds) return at->second + *rotation_.overrideAgeSeconds;
-    if (auto expires = client->second->sessionExpiresAt())
-        return std::max(at->second, Date::fromUnixSeconds(*expires) - rotation_.beforeExpirySeconds);
+    if (auto expires = client->second->sessionExpiresAt()) {
+        // Some minutes before the end, but never in the first half of a short lifetime.
+        const double lifetime = std::max(0.0, Date::fromUnixSeconds(*expires) - at->second);
+        const double margin = std::min(rotation_.beforeExpirySeconds, lifetime * 0.25);
+        return at->second + std::max(lifetime - margin, lifetime * 0.5);
+    }
     return at->second + rotation_.defaultAgeSeconds;
 }
 

@@ -48,7 +48,8 @@ public:
     // that, at a quiet moment, a new connection is opened; once it is up it takes the audio
     // and the old one drains and closes, so that no caption is lost or doubled.
     struct RotationPolicy {
-        // Rotate once a connection is this old, unless the service said when it expires.
+        // Rotate once a connection is this old, unless the service said when it expires:
+        // then this long before (a quarter of a short lifetime at most).
         double defaultAgeSeconds = 55 * 60.0;
         double beforeExpirySeconds = 5 * 60.0;
         // From the due time, wait for a quiet moment at most this long.

@@ -49,7 +49,7 @@ LiveRuntime::LiveRuntime(Options options, std::function<TranslatorSettings()> se
         [raw] {
             return std::make_unique<OpenAIRealtimeTranslationClient>(raw->webSockets, raw->scheduler, raw->openAIBase);
         },
-        nullptr});
+        nullptr, std::nullopt});
 }
 
 LiveRuntime::~LiveRuntime() {

@@ -24,8 +24,8 @@ std::optional<Rule> parseRule(const Json& j, int line, std::string& problem) {
         problem = "a rule is a JSON object";
         return std::nullopt;
     }
-    static const std::vector<std::string> kKnown{"on", "nth", "every", "after_ms", "speaker", "send", "raw", "error",
-                                                 "binary", "close", "drop", "stall"};
+    static const std::vector<std::string> kKnown{"on", "nth", "every", "after_ms", "speaker", "connection", "send", "raw",
+                                                 "error", "binary", "close", "drop", "stall", "expire"};
     for (auto it = j.begin(); it != j.end(); ++it)
         if (std::find(kKnown.begin(), kKnown.end(), it.key()) == kKnown.end()) {
             problem = "unknown key \"" + it.key() + "\"";
@@ -45,6 +45,14 @@ std::optional<Rule> parseRule(const Json& j, int line, std::string& problem) {
     r.every = positiveInt(j, "every", problem);
     r.afterMs = positiveInt(j, "after_ms", problem).value_or(0);
     r.speaker = positiveInt(j, "speaker", problem);
+    if (const auto c = j.find("connection"); c != j.end()) {
+        const auto add = [&](const Json& n) {
+            if (!n.is_number_integer() || n.get<int>() < 1) problem = "\"connection\" takes a number from 1 or a list of them";
+            else r.connections.push_back(n.get<int>());
+        };
+        if (c->is_array()) for (const auto& n : *c) add(n);
+        else add(*c);
+    }
     if (!problem.empty()) return std::nullopt;
     if (r.speaker && (*r.speaker == 0 || r.on == "connect")) {
         problem = "\"speaker\" counts from 1 and needs a message trigger: a connection has no speaker before its audio";
@@ -112,9 +120,20 @@ std::optional<Rule> parseRule(const Json& j, int line, std::string& problem) {
         ++actions;
         r.action = Rule::Action::stall;
     }
+    if (const auto expire = j.find("expire"); expire != j.end()) {
+        ++actions;
+        r.action = Rule::Action::expire;
+        const auto after = expire->is_object() ? expire->find("after_s") : expire->end();
+        if (after == expire->end() || !after->is_number_integer() || after->get<int>() < 1) {
+            problem = "\"expire\" takes {\"after_s\": N} and, if wanted, \"announce\": false";
+        } else {
+            r.expiresAfterS = after->get<int>();
+            r.announce = json::read<bool>(*expire, "announce", true);
+        }
+    }
     if (!problem.empty()) return std::nullopt;
     if (actions != 1) {
-        problem = "give exactly one of \"send\", \"raw\", \"error\", \"close\", \"drop\", \"stall\"";
+        problem = "give exactly one of \"send\", \"raw\", \"error\", \"close\", \"drop\", \"stall\", \"expire\"";
         return std::nullopt;
     }
     return r;

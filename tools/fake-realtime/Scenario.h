@@ -13,7 +13,7 @@
 namespace osv::fake {
 
 struct Rule {
-    enum class Action { send, close, drop, stall };
+    enum class Action { send, close, drop, stall, expire };
 
     int line = 0;
     // The trigger: "connect", or the type of a message the client sent.
@@ -24,12 +24,20 @@ struct Rule {
     // Only on the connection that was the nth to send audio: tells the channels of one
     // session apart (the side that speaks first is speaker 1).
     std::optional<int> speaker;
+    // Only on these connections, numbered 1, 2, ... in the order they came in (a
+    // reconnect is a new connection): refused connections, faults of one connection.
+    std::vector<int> connections;
 
     Action action = Action::send;
     std::vector<std::string> frames;  // for send: the payloads, in order
     bool binary = false;
     int closeCode = 1000;
     std::string closeReason;
+    // expire: the service's lifetime limit. `expiresAfterS` after the trigger the connection
+    // gets the session_expired error and a close with 1001; with `announce`, the trigger
+    // sends session.created carrying that moment as expires_at first.
+    int expiresAfterS = 0;
+    bool announce = true;
 
     // Whether the `count`th message of type `on` fires this rule.
     bool firesAt(int count) const;

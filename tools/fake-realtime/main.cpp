@@ -3,6 +3,7 @@
 // JSON Lines file. See README.md in this folder.
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QHostAddress>
@@ -13,6 +14,7 @@
 #include <QWebSocket>
 #include <QWebSocketServer>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -117,6 +119,9 @@ private:
         for (const Rule& rule : options_.rules) {
             if (rule.on != on || !rule.firesAt(count)) continue;
             if (rule.speaker && *rule.speaker != speaker_) continue;
+            if (!rule.connections.empty() &&
+                std::find(rule.connections.begin(), rule.connections.end(), connection_) == rule.connections.end())
+                continue;
             if (rule.afterMs == 0) {
                 run(rule);
             } else {
@@ -147,6 +152,33 @@ private:
             case Rule::Action::stall:
                 stalled_ = true;
                 break;
+            case Rule::Action::expire: {
+                // As the service does it: an announced lifetime, then an error and a going-away close.
+                if (rule.announce) {
+                    Json created = Json::object();
+                    created["type"] = "session.created";
+                    created["session"] = Json::object();
+                    created["session"]["id"] = "sess_fake";
+                    created["session"]["expires_at"] =
+                        double(QDateTime::currentMSecsSinceEpoch()) / 1000.0 + rule.expiresAfterS;
+                    socket_->sendTextMessage(QString::fromStdString(json::dumpLine(created)));
+                }
+                const int minutes = std::max(1, rule.expiresAfterS / 60);
+                QTimer::singleShot(rule.expiresAfterS * 1000, socket_, [this, minutes] {
+                    if (ended_ || socket_->state() != QAbstractSocket::ConnectedState) return;
+                    Json error = Json::object();
+                    error["type"] = "error";
+                    error["error"] = Json::object();
+                    error["error"]["type"] = "invalid_request_error";
+                    error["error"]["code"] = "session_expired";
+                    error["error"]["message"] =
+                        "Your session hit the maximum duration of " + std::to_string(minutes) + " minutes.";
+                    socket_->sendTextMessage(QString::fromStdString(json::dumpLine(error)));
+                    closedByServer_ = true;
+                    socket_->close(QWebSocketProtocol::CloseCodeGoingAway, "session expired");
+                });
+                break;
+            }
         }
     }
 
