@@ -123,8 +123,8 @@ bool Rule::firesAt(int count) const {
     return true;
 }
 
-Expected<std::vector<Rule>> parseScenario(std::string_view text) {
-    std::vector<Rule> rules;
+Expected<Scenario> parseScenario(std::string_view text, const std::string& baseDirectory) {
+    Scenario scenario;
     std::string problems;
     std::istringstream in{std::string(text)};
     std::string lineText;
@@ -135,14 +135,17 @@ Expected<std::vector<Rule>> parseScenario(std::string_view text) {
         if (first == std::string::npos || lineText[first] == '#' || lineText.compare(first, 2, "//") == 0) continue;
         std::string problem;
         const auto parsed = json::parse(lineText);
-        std::optional<Rule> rule;
-        if (!parsed) problem = "not one JSON object";
-        else rule = parseRule(*parsed, line, problem);
-        if (rule) rules.push_back(std::move(*rule));
-        else problems += "line " + std::to_string(line) + ": " + problem + "\n";
+        if (!parsed) {
+            problem = "not one JSON object";
+        } else if (parsed->is_object() && parsed->contains("http")) {
+            if (auto rule = parseHttpRule(*parsed, line, baseDirectory, problem)) scenario.httpRules.push_back(std::move(*rule));
+        } else if (auto rule = parseRule(*parsed, line, problem)) {
+            scenario.socketRules.push_back(std::move(*rule));
+        }
+        if (!problem.empty()) problems += "line " + std::to_string(line) + ": " + problem + "\n";
     }
     if (!problems.empty()) return Error{"bad_scenario", problems};
-    return rules;
+    return scenario;
 }
 
 }  // namespace osv::fake

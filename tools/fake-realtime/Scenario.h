@@ -1,6 +1,7 @@
 #pragma once
 
-// A scenario of the fake realtime server: rules read from a hand-written JSON Lines file.
+// A scenario of the fake server: rules read from a hand-written JSON Lines file, for the
+// WebSocket connections and for plain HTTP requests.
 // See README.md in this folder for the format.
 
 #include <optional>
@@ -8,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "HttpExchange.h"
 #include "core/Expected.h"
 
 namespace osv::fake {
@@ -32,7 +34,13 @@ struct Rule {
     bool firesAt(int count) const;
 };
 
-// The rules of a scenario file, or an error naming every bad line.
-Expected<std::vector<Rule>> parseScenario(std::string_view text);
+struct Scenario {
+    std::vector<Rule> socketRules;    // played to each WebSocket connection
+    std::vector<HttpRule> httpRules;  // lines with "http": answer plain requests
+};
+
+// The rules of a scenario file, or an error naming every bad line. `baseDirectory` is
+// where relative "file" bodies are read from (the scenario file's folder).
+Expected<Scenario> parseScenario(std::string_view text, const std::string& baseDirectory = {});
 
 }  // namespace osv::fake
