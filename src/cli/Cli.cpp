@@ -40,6 +40,15 @@ constexpr const char* kUsageText =
     "                                           stream a file through the realtime translation client\n"
     "                                           (base from OSV_OPENAI_BASE_URL unless --url), one JSON\n"
     "                                           line per event and debug record\n"
+    "  source probe --audio FILE [--vendor openai|gemini] [--model NAME]\n"
+    "      [--language auto|chinese|japanese] [--speed 1|max]\n"
+    "                                           stream a file through a source recogniser (24 kHz to\n"
+    "                                           OpenAI, 16 kHz to Gemini), one JSON line per event\n"
+    "  transcribe FILE [--vendor openai|gemini|local] [--language auto|chinese|japanese] [--json]\n"
+    "                                           a whole file's text (--json: with segments or speakers)\n"
+    "  voices [--vendor google|openai] [--json] the speech voices of a vendor\n"
+    "  speak TEXT --language chinese|japanese [--vendor openai|google] [--voice NAME] --out FILE\n"
+    "                                           synthesise speech into FILE and print its duration\n"
     "  help                                     this text\n"
     "\n"
     "FILE may be - for standard input.\n";
@@ -65,6 +74,10 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
     if (command == "audio") return runAudio(rest, out, err);
     if (command == "recordings") return runRecordings(rest, out, err);
     if (command == "realtime") return runRealtime(rest, out, err);
+    if (command == "source") return runSource(rest, out, err);
+    if (command == "transcribe") return runTranscribe(rest, out, err);
+    if (command == "voices") return runVoices(rest, out, err);
+    if (command == "speak") return runSpeak(rest, out, err);
     err << "ossevra-cli: unknown command \"" << command << "\"\n\n" << kUsageText;
     return kUsage;
 }

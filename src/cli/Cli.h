@@ -28,6 +28,12 @@ int runAudio(const std::vector<std::string>& args, std::ostream& out, std::ostre
 // realtime probe: a file streamed through the realtime translation client.
 int runRealtime(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
+// source probe, transcribe, voices, speak: the speech vendors' clients.
+int runSource(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+int runTranscribe(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+int runVoices(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+int runSpeak(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
 // Plays the sample conversation and prints its captions.
 int runPreview(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
