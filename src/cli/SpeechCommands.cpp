@@ -57,10 +57,11 @@ TranslatorSettings launchSettings(std::ostream& err) {
     return settings;
 }
 
-// The event loop of one command; a host that has one already lends it.
-class Loop {
+// The application object, made before anything that needs it; a host that has one
+// already lends it.
+class Application {
 public:
-    Loop() {
+    Application() {
         if (!QCoreApplication::instance()) {
             static int argc = 1;
             static char name[] = "ossevra-cli";
@@ -68,6 +69,14 @@ public:
             app_ = std::make_unique<QCoreApplication>(argc, argv);
         }
     }
+
+private:
+    std::unique_ptr<QCoreApplication> app_;
+};
+
+// The event loop of one command, with the adapters its clients run over.
+class Loop {
+public:
     void quit(int status) {
         status_ = status;
         done_ = true;
@@ -78,12 +87,15 @@ public:
         return status_;
     }
 
+private:
+    Application application_;  // first: the adapters need it
+
+public:
     QtScheduler scheduler;
     QtWebSocketTransport sockets;
     QtHttpTransport http;
 
 private:
-    std::unique_ptr<QCoreApplication> app_;
     bool done_ = false;
     int status_ = kFailed;
 };

@@ -11,6 +11,7 @@
 
 #include "HttpExchange.h"
 #include "core/Expected.h"
+#include "core/Json.h"
 
 namespace osv::fake {
 
@@ -30,9 +31,17 @@ struct Rule {
     int closeCode = 1000;
     std::string closeReason;
 
+    std::optional<std::string> path;  // only on connections to this path (trailing *: a prefix)
+    int padBytes = 0;                 // each sent message gets a "padding" member this long
+
     // Whether the `count`th message of type `on` fires this rule.
     bool firesAt(int count) const;
+    bool appliesTo(std::string_view connectionPath) const;
 };
+
+// The names a client's message triggers: its "type", or else its top-level keys and each
+// "key.innerKey" of an object member.
+std::vector<std::string> triggersOf(const json::Json& message);
 
 struct Scenario {
     std::vector<Rule> socketRules;    // played to each WebSocket connection

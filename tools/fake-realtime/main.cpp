@@ -76,7 +76,8 @@ public:
         Json connect = Json::object();
         connect["event"] = "connect";
         connect["ms"] = 0;
-        connect["path"] = request.url().path().toStdString();
+        path_ = request.url().path().toStdString();
+        connect["path"] = path_;
         connect["query"] = queryWithoutKey(request.url().query(QUrl::FullyEncoded).toStdString());
         Json headers = Json::object();
         HeaderPairs all;
@@ -99,20 +100,20 @@ private:
         line["ms"] = clock_.elapsed();
         line["kind"] = kind;
         const auto message = json::parse(payload);
-        std::string type;
+        std::vector<std::string> triggers;
         if (message && message->is_object()) {
             line["message"] = *message;
-            type = json::read<std::string>(*message, "type", "");
+            triggers = triggersOf(*message);
         } else {
             line["raw"] = payload;
         }
         recorder_.write(line);
-        if (!type.empty()) trigger(type, ++counts_[type]);
+        for (const auto& name : triggers) trigger(name, ++counts_[name]);
     }
 
     void trigger(const std::string& on, int count) {
         for (const Rule& rule : options_.scenario.socketRules) {
-            if (rule.on != on || !rule.firesAt(count)) continue;
+            if (rule.on != on || !rule.firesAt(count) || !rule.appliesTo(path_)) continue;
             if (rule.afterMs == 0) {
                 run(rule);
             } else {
@@ -166,6 +167,7 @@ private:
     std::function<void()> onGone_;
     QElapsedTimer clock_;
     std::map<std::string, int> counts_;
+    std::string path_;
     bool stalled_ = false;
     bool ended_ = false;
     bool dropped_ = false;
