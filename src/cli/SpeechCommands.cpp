@@ -16,8 +16,6 @@
 #include "cli/SourceProbe.h"
 #include "core/Json.h"
 #include "core/Text.h"
-#include "core/TranslatorError.h"
-#include "core/Uuid.h"
 #include "platform/ffmpeg/AacFileWriter.h"
 #include "platform/ffmpeg/AudioFileDecoder.h"
 #include "platform/qt/QtHttpTransport.h"
@@ -26,6 +24,7 @@
 #include "services/GeminiTranscriptionClient.h"
 #include "services/GoogleSpeechClient.h"
 #include "services/LocalModelTranscriptionClient.h"
+#include "services/OpenAIClient.h"
 #include "services/ServiceEndpoints.h"
 
 namespace osv::cli {
@@ -45,9 +44,6 @@ constexpr const char* kSpeakUsage =
 constexpr const char* kGeminiFileDefault = "gemini-3.5-transcribe";
 constexpr double kLocalTimeoutSeconds = 300.0;
 
-// The voices of the OpenAI speech endpoint.
-constexpr const char* kOpenAIVoices[] = {"alloy", "ash",  "ballad", "coral", "echo",   "fable",
-                                         "nova",  "onyx", "sage",   "shimmer", "verse"};
 
 // The stores as at launch, with the stored OpenAI key in place.
 TranslatorSettings launchSettings(std::ostream& err) {
@@ -264,69 +260,16 @@ int transcribeLocal(const std::string& file, RecognitionLanguage language, bool 
 }
 
 
-// The OpenAI side of transcribe and speak: one plain request each to the audio endpoints.
-std::optional<std::string> readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-std::string openAIErrorText(const HttpResponse& r) {
-    if (auto j = json::parse(r.body); j && j->is_object())
-        if (const Json* e = json::member(*j, "error"); e && e->is_object())
-            if (auto m = json::readOptional<std::string>(*e, "message")) return *m;
-    return "HTTP " + std::to_string(r.status);
-}
+int writeSpeech(const std::vector<std::uint8_t>& audio, const std::string& path, std::ostream& out, std::ostream& err);
 
 int transcribeOpenAI(const std::string& file, RecognitionLanguage language, bool asJSON,
                      const TranslatorSettings& settings, std::ostream& out, std::ostream& err) {
-    const std::string key(text::trimmed(settings.apiKey));
-    if (key.empty()) {
-        err << "ossevra-cli: " << TranslatorError::missingAPIKey().userText() << "\n";
-        return kFailed;
-    }
-    const auto bytes = readFile(file);
-    if (!bytes) {
-        err << "ossevra-cli: cannot read " << file << "\n";
-        return kFailed;
-    }
-    const std::string model = settings.models.resolved(ModelJob::fileTranscribe, settings.activeMode);
-    std::string extension = std::filesystem::path(file).extension().string();
-    if (!extension.empty()) extension.erase(0, 1);
-    std::string uuid = Uuid::random().text();
-    std::erase_if(uuid, [](char c) { return c == '{' || c == '}'; });
-    const std::string boundary = "Boundary-" + uuid;
-    std::string body;
-    auto field = [&](const std::string& name, const std::string& value) {
-        body += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value + "\r\n";
-    };
-    field("model", model);
-    field("response_format", "json");
-    if (language != RecognitionLanguage::automatic) field("language", language == RecognitionLanguage::chinese ? "zh" : "ja");
-    body += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" +
-            std::filesystem::path(file).filename().string() + "\"\r\nContent-Type: " +
-            LocalModelTranscriptionClient::mimeType(extension) + "\r\n\r\n" + *bytes + "\r\n--" + boundary + "--\r\n";
-
-    HttpRequest request;
-    request.method = "POST";
-    request.url = httpEndpointURL(ServiceEndpoints::fromEnvironment().openAI, "/audio/transcriptions").value_or("");
-    request.timeoutSeconds = 60;
-    request.headers = {{"Authorization", "Bearer " + key}, {"Content-Type", "multipart/form-data; boundary=" + boundary}};
-    request.body = std::move(body);
     Loop loop;
-    auto call = loop.http.send(request, [&](Expected<HttpResponse> r) {
-        if (!r) {
-            err << "ossevra-cli: " << r.error().message << "\n";
-            return loop.quit(kFailed);
-        }
-        if (r->status < 200 || r->status > 299) {
-            err << "ossevra-cli: " << TranslatorError::apiError(openAIErrorText(*r)).userText() << "\n";
-            return loop.quit(kFailed);
-        }
-        const auto reply = json::parse(r->body);
-        const auto text = reply && reply->is_object() ? json::readOptional<std::string>(*reply, "text") : std::nullopt;
-        if (!text || text::isBlank(*text)) {
-            err << "ossevra-cli: " << TranslatorError::emptyTranscript().userText() << "\n";
+    OpenAIClient client(loop.http, loop.scheduler, ServiceEndpoints::fromEnvironment().openAI);
+    const std::string model = settings.models.resolved(ModelJob::fileTranscribe, settings.activeMode);
+    auto call = client.transcribe(file, settings, language, debugTo(err), {}, [&](Expected<std::string> text) {
+        if (!text) {
+            err << "ossevra-cli: " << text.error().message << "\n";
             return loop.quit(kFailed);
         }
         if (asJSON) {
@@ -334,7 +277,6 @@ int transcribeOpenAI(const std::string& file, RecognitionLanguage language, bool
             j["vendor"] = "openai";
             j["model"] = model;
             j["text"] = *text;
-            if (const Json* segments = json::member(*reply, "segments")) j["segments"] = *segments;
             out << json::dumpLine(j) << "\n";
         } else {
             out << *text << "\n";
@@ -344,38 +286,19 @@ int transcribeOpenAI(const std::string& file, RecognitionLanguage language, bool
     return loop.exec();
 }
 
-int writeSpeech(const std::vector<std::uint8_t>& audio, const std::string& path, std::ostream& out, std::ostream& err);
-
 int speakOpenAI(const std::string& text, SpeechLanguage language, const std::optional<std::string>& voice,
-                const TranslatorSettings& settings, const std::string& path, std::ostream& out, std::ostream& err) {
-    const std::string key(text::trimmed(settings.apiKey));
-    if (key.empty()) {
-        err << "ossevra-cli: " << TranslatorError::missingAPIKey().userText() << "\n";
-        return kFailed;
-    }
-    Json body = Json::object();
-    body["model"] = settings.models.resolved(ModelJob::speech, settings.activeMode);
-    body["input"] = text;
-    body["voice"] = voice.value_or(language == SpeechLanguage::chinese ? settings.chineseVoice : settings.japaneseVoice);
-    body["response_format"] = "mp3";
-    HttpRequest request;
-    request.method = "POST";
-    request.url = httpEndpointURL(ServiceEndpoints::fromEnvironment().openAI, "/audio/speech").value_or("");
-    request.timeoutSeconds = 60;
-    request.headers = {{"Authorization", "Bearer " + key}, {"Content-Type", "application/json"}};
-    request.body = json::dumpLine(body);
+                TranslatorSettings settings, const std::string& path, std::ostream& out, std::ostream& err) {
+    if (voice) (language == SpeechLanguage::chinese ? settings.chineseVoice : settings.japaneseVoice) = *voice;
     Loop loop;
-    auto call = loop.http.send(request, [&](Expected<HttpResponse> r) {
-        if (!r) {
-            err << "ossevra-cli: " << r.error().message << "\n";
+    OpenAIClient client(loop.http, loop.scheduler, ServiceEndpoints::fromEnvironment().openAI);
+    const TargetLanguage target =
+        language == SpeechLanguage::chinese ? TargetLanguage::simplifiedChinese : TargetLanguage::japanese;
+    auto call = client.speak(text, target, settings, debugTo(err), [&](Expected<std::string> audio) {
+        if (!audio) {
+            err << "ossevra-cli: " << audio.error().message << "\n";
             return loop.quit(kFailed);
         }
-        if (r->status < 200 || r->status > 299) {
-            err << "ossevra-cli: " << TranslatorError::apiError("语音合成失败（" + std::to_string(r->status) + "）。").userText()
-                << "\n";
-            return loop.quit(kFailed);
-        }
-        loop.quit(writeSpeech(std::vector<std::uint8_t>(r->body.begin(), r->body.end()), path, out, err));
+        loop.quit(writeSpeech(std::vector<std::uint8_t>(audio->begin(), audio->end()), path, out, err));
     });
     return loop.exec();
 }
@@ -414,9 +337,9 @@ int voices(const std::vector<std::string>& args, std::ostream& out, std::ostream
     const bool asJSON = a.flags.contains("--json");
     if (vendor == "openai") {
         Json list = Json::array();
-        for (const char* v : kOpenAIVoices) {
-            if (asJSON) list.push_back(Json{{"name", v}});
-            else out << v << "\n";
+        for (const OpenAIVoice& v : OpenAIClient::voices()) {
+            if (asJSON) list.push_back(Json{{"name", v.name}, {"note", v.note}});
+            else out << v.name << "\t" << v.note << "\n";
         }
         if (asJSON) out << json::dumpLine(list) << "\n";
         return kOk;

@@ -366,7 +366,9 @@ TEST_F(SpeechCli, VoicesListsGoogleVoicesWithTiersAndOpenAIVoices) {
     EXPECT_EQ(plain.lines.at(0), "ja-JP-Neural2-B\tFEMALE\tneural2\tja-JP");
     const CliRun openai = cli({"voices", "--vendor", "openai"});
     EXPECT_EQ(openai.status, 0);
-    EXPECT_NE(std::find(openai.lines.begin(), openai.lines.end(), "shimmer"), openai.lines.end());
+    EXPECT_NE(std::find_if(openai.lines.begin(), openai.lines.end(),
+                           [](const std::string& l) { return l.rfind("shimmer\t", 0) == 0; }),
+              openai.lines.end());
 }
 
 TEST_F(SpeechCli, SpeakWritesTheAudioAndPrintsItsDurationOrTheVendorsReason) {
@@ -392,15 +394,19 @@ TEST_F(SpeechCli, SpeakWritesTheAudioAndPrintsItsDurationOrTheVendorsReason) {
         << missing.err;
 
     FakeRealtimeServer openai(openAIAudioScenario());
-    const CliRun spoken = cli({"speak", "こんにちは", "--language", "japanese", "--vendor", "openai", "--out",
-                               QString::fromStdString(out.string())},
+    const CliRun spoken = cli({"speak", "こんにちは", "--language", "japanese", "--vendor", "openai", "--voice", "coral",
+                               "--out", QString::fromStdString(out.string())},
                               at(openai));
     ASSERT_EQ(spoken.status, 0) << spoken.err;
     EXPECT_EQ(spoken.lines, (std::vector<std::string>{out.string() + "\t2044 bytes\t0.250 s"}));
     const auto speech = recorded(openai, "http");
     ASSERT_EQ(speech.size(), 1u);
     EXPECT_EQ(speech[0]["path"], "/v1/audio/speech");
-    EXPECT_EQ(speech[0]["json"], j(R"({"model":"gpt-4o-mini-tts","input":"こんにちは","voice":"shimmer","response_format":"mp3"})"));
+    Json body = speech[0]["json"];
+    EXPECT_EQ(body["instructions"].get<std::string>().rfind("标准东京口音的日语。", 0), 0u);
+    body.erase("instructions");
+    EXPECT_EQ(body, j(R"({"model":"gpt-4o-mini-tts","input":"こんにちは","voice":"coral","response_format":"mp3"})"));
+    EXPECT_EQ(speech[0]["authorization"], "ok");
 }
 
 TEST_F(SpeechCli, BadArgumentsAreUsageErrors) {
