@@ -77,6 +77,9 @@ struct GeminiOutcome {
 
 class GeminiTranscriptionClient {
 public:
+    using Recognition = GeminiRecognition;
+    using LiveEvent = GeminiLiveEvent;
+    using RateLimited = GeminiRateLimited;
     struct Uploaded {
         std::string uri;
         std::string mimeType;

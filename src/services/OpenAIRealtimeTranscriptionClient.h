@@ -54,6 +54,7 @@ struct TranscriptionEvent {
 
 class OpenAIRealtimeTranscriptionClient {
 public:
+    using Event = TranscriptionEvent;
     using EventHandler = std::function<void(const TranscriptionEvent&)>;
     using DebugHandler = std::function<void(const OpenAIDebugLog&)>;
     // Ok once the server has confirmed the configuration; otherwise missing_api_key,
