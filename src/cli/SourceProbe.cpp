@@ -165,12 +165,11 @@ void SourceProbe::sendNext() {
         ++chunksSent_;
         bytesSent_ += size;
     } else {
-        const auto pcm16k = PCM16Resampler::to16kFrom24k(chunk);
-        if (auto sent = gemini_.appendLivePCM16(pcm16k); !sent) {
+        if (auto sent = gemini_.sendAudio(chunk); !sent) {
             err_ << "ossevra-cli: " << sent.error().message << "\n";
-        } else if (!pcm16k.empty()) {
+        } else {
             ++chunksSent_;
-            bytesSent_ += pcm16k.size();
+            bytesSent_ += PCM16Resampler::to16kFrom24k(chunk).size();
         }
     }
     const auto guard = lifetime_.guard();

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "audio/RealtimePCMEncoder.h"
 #include "core/Base64.h"
 #include "core/Json.h"
 #include "core/Text.h"
@@ -375,6 +376,10 @@ Expected<void> GeminiTranscriptionClient::appendLivePCM16(const std::vector<std:
     m["realtimeInput"]["audio"]["data"] = base64Encode(pcm16);
     m["realtimeInput"]["audio"]["mimeType"] = "audio/pcm;rate=16000";
     return sendLive(json::dumpLine(m));
+}
+
+Expected<void> GeminiTranscriptionClient::sendAudio(const std::vector<std::uint8_t>& pcm24k) {
+    return appendLivePCM16(PCM16Resampler::to16kFrom24k(pcm24k));
 }
 
 Expected<void> GeminiTranscriptionClient::endLiveAudioStream() {

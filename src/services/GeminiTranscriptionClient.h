@@ -115,6 +115,9 @@ public:
                    DebugHandler onDebug, StartCompletion done);
     // 16 kHz mono PCM16. An empty chunk, no socket or a closing client sends nothing.
     Expected<void> appendLivePCM16(const std::vector<std::uint8_t>& pcm16);
+    // Working-format audio (24 kHz), resampled to 16 kHz chunk by chunk: what the live
+    // session hands every source recogniser.
+    Expected<void> sendAudio(const std::vector<std::uint8_t>& pcm24k);
     Expected<void> endLiveAudioStream();
     // Closes the socket with 1001 and silences what the close causes.
     void closeLive();

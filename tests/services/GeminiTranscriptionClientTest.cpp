@@ -238,6 +238,9 @@ TEST(GeminiLive, AudioGoesAs16kBase64AndTheEndOfAudioIsOneMessage) {
     ASSERT_TRUE(h.client.appendLivePCM16({}));
     ASSERT_TRUE(h.client.endLiveAudioStream());
     ASSERT_EQ(h.sockets.last().sent.size(), 2u);
+    ASSERT_TRUE(h.client.sendAudio(std::vector<std::uint8_t>(1920, 0)));  // 40 ms at 24 kHz
+    EXPECT_EQ(base64Decode(parsed(h.sockets.last().sent[2])["realtimeInput"]["audio"]["data"].get<std::string>())->size(),
+              1280u);
     EXPECT_EQ(parsed(h.sockets.last().sent[0]),
               parsed(R"({"realtimeInput":{"audio":{"data":"AQIDBA==","mimeType":"audio/pcm;rate=16000"}}})"));
     EXPECT_EQ(parsed(h.sockets.last().sent[1]), parsed(R"({"realtimeInput":{"audioStreamEnd":true}})"));
