@@ -17,12 +17,22 @@
 
 namespace {
 
-class NoTransport final : public osv::WebSocketTransport {
+// A socket that takes everything and lets the fuzzer play the server.
+class OpenSocket final : public osv::WebSocketConnection {
+public:
+    osv::Expected<void> sendText(std::string_view) override { return {}; }
+    osv::Expected<void> sendBinary(std::string_view) override { return {}; }
+    void close(int, std::string_view) override {}
+};
+
+class LoopTransport final : public osv::WebSocketTransport {
 public:
     std::unique_ptr<osv::WebSocketConnection> connect(const osv::WebSocketRequest&,
-                                                      osv::WebSocketConnection::Handlers) override {
-        return nullptr;
+                                                      osv::WebSocketConnection::Handlers h) override {
+        handlers = std::move(h);
+        return std::make_unique<OpenSocket>();
     }
+    osv::WebSocketConnection::Handlers handlers;
 };
 
 class NoHttp final : public osv::HttpTransport {
@@ -33,11 +43,17 @@ public:
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static osv::ManualScheduler scheduler;
-    static NoTransport sockets;
     static NoHttp http;
-    static osv::GeminiTranscriptionClient gemini(sockets, http, scheduler, "http://127.0.0.1:1");
+    LoopTransport sockets;
+    osv::ManualScheduler scheduler;
+    osv::GeminiTranscriptionClient gemini(sockets, http, scheduler, "http://127.0.0.1:1");
     const std::string text(reinterpret_cast<const char*>(data), size);
+    // A Live stream past its setup, reading what the fuzzer sends.
+    gemini.startLive("gemini-live", {}, "key", [](const osv::GeminiLiveEvent&) {}, [](const osv::OpenAIDebugLog&) {},
+                     [](osv::Expected<void>) {});
+    sockets.handlers.onOpen();
+    sockets.handlers.onFrame({osv::WebSocketFrame::Kind::text, R"({"setupComplete":{}})"});
+    scheduler.runUntilIdle();
 
     osv::TranscriptionTurnReader reader;
     std::istringstream lines(text);
