@@ -237,3 +237,29 @@ TEST(ModelLiveStatusClient, ReadsTheStateForgivingly) {
 
 }  // namespace
 }  // namespace osv
+
+namespace osv {
+namespace {
+
+// The local model is a fallback only under "onCloudFailure"; anything else stored is off.
+TEST(LocalASRPolicy, ReadsItsStoredNameAndTakesAnythingElseAsDisabled) {
+    const fs::path support = fs::temp_directory_path() / ("osv-asr-" + Uuid::random().text());
+    SecretStore secrets(nullptr, support);
+    for (const auto& [stored, expected] : std::vector<std::pair<std::optional<std::string>, osv::LocalASRPolicy>>{
+             {"onCloudFailure", osv::LocalASRPolicy::onCloudFailure},
+             {"disabled", osv::LocalASRPolicy::disabled},
+             {"sometimes", osv::LocalASRPolicy::disabled},
+             {std::nullopt, osv::LocalASRPolicy::disabled}}) {
+        MemoryUserDefaults defaults;
+        if (stored) defaults.set("local_asr_policy", *stored);
+        SettingsStore store(defaults, secrets);
+        TranslatorSettings settings = store.load(std::nullopt);
+        EXPECT_EQ(settings.localASRPolicy, expected) << stored.value_or("(absent)");
+        store.save(settings);
+        EXPECT_EQ(defaults.string("local_asr_policy"), std::string(rawValue(expected)));
+    }
+    fs::remove_all(support);
+}
+
+}  // namespace
+}  // namespace osv
