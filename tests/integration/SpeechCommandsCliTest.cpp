@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <QProcess>
+#include <QElapsedTimer>
 #include <QProcessEnvironment>
 
 #include <cmath>
@@ -172,6 +173,19 @@ TEST_F(SpeechCli, SourceProbeOpenAICommitsItsOwnTurnsAndPutsOutOfOrderTranscript
     const auto closed = recorded(server, "closed");
     ASSERT_EQ(closed.size(), 1u);
     EXPECT_EQ(closed[0]["code"], 1000);
+    EXPECT_EQ(recordText(server).find("sk-fake"), std::string::npos);
+}
+
+TEST_F(SpeechCli, SourceProbeOpenAIGivesUpWhenTheConfigurationIsNeverConfirmed) {
+    FakeRealtimeServer server("# never confirms\n");
+    QElapsedTimer clock;
+    clock.start();
+    const CliRun run = cli({"source", "probe", "--audio", QString::fromStdString(wav({0.2}).string())}, at(server));
+    EXPECT_EQ(run.status, 1);
+    EXPECT_GE(clock.elapsed(), 7'900);
+    EXPECT_NE(run.err.find("ossevra-cli: OpenAI API 错误：实时原文连接超时"), std::string::npos) << run.err;
+    ASSERT_TRUE(testing::waitFor([&] { return server.hasClosedLine(); }));
+    EXPECT_EQ(recorded(server, "closed").at(0)["code"], 1001);
 }
 
 TEST_F(SpeechCli, SourceProbeOpenAIEndsWithTheServersErrorAndExitsOne) {
