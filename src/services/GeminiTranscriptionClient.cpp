@@ -313,6 +313,8 @@ void GeminiTranscriptionClient::finishStart(Expected<void> result) {
 
 void GeminiTranscriptionClient::startLive(std::string model, GeminiRecognition recognition, std::string apiKey,
                                           LiveHandler onEvent, DebugHandler onDebug, StartCompletion done) {
+    if (liveSocket_) closeLive();
+    if (handshake_) finishStart(Error{"cancelled", "已取消"});
     onLiveEvent_ = std::move(onEvent);
     onLiveDebug_ = std::move(onDebug);
     handshake_ = std::move(done);
@@ -321,7 +323,6 @@ void GeminiTranscriptionClient::startLive(std::string model, GeminiRecognition r
     const auto url = webSocketEndpointURL(base_, kLivePath);
     if (!url) return finishStart(TranslatorError::apiError("Gemini URL 无效。").asError());
 
-    if (liveSocket_) closeLive();
     liveModel_ = std::move(model);
     setupMessage_ = liveSetupPayload(liveModel_, recognition);
     vocabularyCount_ = recognition.vocabulary.size();

@@ -118,6 +118,9 @@ std::string OpenAIRealtimeTranscriptionClient::configuration(std::string_view mo
 
 void OpenAIRealtimeTranscriptionClient::start(const TranslatorSettings& settings, std::string model,
                                               EventHandler onEvent, DebugHandler onDebug, StartCompletion done) {
+    // An earlier stream of this client is let go quietly.
+    if (handshake_) finishStart(Error{"cancelled", "已取消"});
+    if (socket_) retireSocket(kGoingAway);
     onEvent_ = std::move(onEvent);
     onDebug_ = std::move(onDebug);
     handshake_ = std::move(done);

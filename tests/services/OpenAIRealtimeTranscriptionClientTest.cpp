@@ -373,3 +373,24 @@ TEST(RealtimeTranscriptionClient, ASendFailureLosesTheStream) {
 
 }  // namespace
 }  // namespace osv
+
+namespace osv {
+namespace {
+
+TEST(RealtimeTranscriptionClient, StartingAgainLetsTheEarlierSocketGoAndCancelsItsStart) {
+    Harness h;
+    h.start();
+    std::optional<Expected<void>> second;
+    h.client.start(h.settings, "gpt-transcribe", {}, {}, [&](Expected<void> r) { second = r; });
+    EXPECT_EQ(h.transport.connections.at(0)->closeCode, 1001);
+    h.scheduler.runUntilIdle();
+    ASSERT_TRUE(h.started && !h.started->ok());
+    EXPECT_EQ(h.started->error().code, "cancelled");
+    h.transport.last().accept();
+    h.server(R"({"type":"session.updated"})");
+    h.scheduler.runUntilIdle();
+    ASSERT_TRUE(second && second->ok());
+}
+
+}  // namespace
+}  // namespace osv
