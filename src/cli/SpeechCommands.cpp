@@ -134,6 +134,10 @@ struct Arguments {
     }
 };
 
+bool isGeminiModel(ModelJob job, const TranslatorSettings& settings) {
+    return settings.models.resolved(job, settings.activeMode).rfind("gemini-", 0) == 0;
+}
+
 int usage(std::ostream& err, const std::string& problem, const char* text) {
     if (!problem.empty()) err << "ossevra-cli: " << problem << "\n";
     err << text;
@@ -171,9 +175,9 @@ int sourceProbe(const std::vector<std::string>& args, std::ostream& out, std::os
         return usage(err, a.problem.empty() && !a.positional.empty() ? "unexpected argument \"" + a.positional[0] + "\"" : a.problem,
                      kSourceUsage);
     SourceProbe::Options options;
-    const std::string vendor = a.value("--vendor").value_or("openai");
-    if (vendor != "openai" && vendor != "gemini") return usage(err, "--vendor takes openai or gemini", kSourceUsage);
-    options.vendor = vendor == "gemini" ? SourceVendor::gemini : SourceVendor::openAI;
+    const auto vendor = a.value("--vendor");
+    if (vendor && *vendor != "openai" && *vendor != "gemini")
+        return usage(err, "--vendor takes openai or gemini", kSourceUsage);
     const std::string speed = a.value("--speed").value_or("1");
     if (speed != "1" && speed != "max") return usage(err, "--speed takes 1 (real time) or max", kSourceUsage);
     options.realTime = speed == "1";
@@ -189,6 +193,9 @@ int sourceProbe(const std::vector<std::string>& args, std::ostream& out, std::os
         return kFailed;
     }
     const TranslatorSettings settings = launchSettings(err);
+    // Without --vendor, the vendor of the configured source model.
+    const bool gemini = vendor ? *vendor == "gemini" : isGeminiModel(ModelJob::realtimeTranscribe, settings);
+    options.vendor = gemini ? SourceVendor::gemini : SourceVendor::openAI;
     options.model = sourceProbeModel(options.vendor, a.value("--model"), settings);
     options.language = language.value_or(settings.recognitionLanguage);
 
@@ -205,7 +212,7 @@ int transcribeGemini(const std::string& file, RecognitionLanguage language, bool
     Loop loop;
     GeminiTranscriptionClient client(loop.sockets, loop.http, loop.scheduler, ServiceEndpoints::fromEnvironment().gemini);
     const std::string configured = settings.models.resolved(ModelJob::fileTranscribe, settings.activeMode);
-    const std::string model = configured.rfind("gemini-", 0) == 0 ? configured : kGeminiFileDefault;
+    const std::string model = isGeminiModel(ModelJob::fileTranscribe, settings) ? configured : kGeminiFileDefault;
     const GeminiRecognition recognition = GeminiRecognition::from(language, settings.glossary);
     const auto onDebug = debugTo(err);
     client.upload(file, settings.geminiAPIKey, onDebug, [&](GeminiOutcome<GeminiTranscriptionClient::Uploaded> up) {
@@ -306,8 +313,8 @@ int speakOpenAI(const std::string& text, SpeechLanguage language, const std::opt
 int transcribe(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
     const Arguments a(args, {"--vendor", "--language"}, {"--json"});
     if (!a.problem.empty() || a.positional.size() != 1) return usage(err, a.problem, kTranscribeUsage);
-    const std::string vendor = a.value("--vendor").value_or("openai");
-    if (vendor != "openai" && vendor != "gemini" && vendor != "local")
+    const auto vendorArg = a.value("--vendor");
+    if (vendorArg && *vendorArg != "openai" && *vendorArg != "gemini" && *vendorArg != "local")
         return usage(err, "--vendor takes openai, gemini or local", kTranscribeUsage);
     std::optional<RecognitionLanguage> language;
     if (auto l = a.value("--language")) {
@@ -320,6 +327,9 @@ int transcribe(const std::vector<std::string>& args, std::ostream& out, std::ost
         return kFailed;
     }
     const TranslatorSettings settings = launchSettings(err);
+    // Without --vendor, the vendor of the configured file transcription model.
+    const std::string vendor =
+        vendorArg.value_or(isGeminiModel(ModelJob::fileTranscribe, settings) ? "gemini" : "openai");
     const RecognitionLanguage lang = language.value_or(settings.recognitionLanguage);
     const bool asJSON = a.flags.contains("--json");
     if (vendor == "gemini") return transcribeGemini(file, lang, asJSON, settings, out, err);
