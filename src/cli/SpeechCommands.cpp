@@ -45,6 +45,9 @@ constexpr const char* kGeminiFileDefault = "gemini-3.5-transcribe";
 constexpr double kLocalTimeoutSeconds = 300.0;
 
 
+// Where the services live: the one place the commands read it.
+ServiceEndpoints endpoints() { return ServiceEndpoints::fromEnvironment(); }
+
 // The stores as at launch, with the stored OpenAI key in place.
 TranslatorSettings launchSettings(std::ostream& err) {
     Stores stores(err);
@@ -200,7 +203,7 @@ int sourceProbe(const std::vector<std::string>& args, std::ostream& out, std::os
     options.language = language.value_or(settings.recognitionLanguage);
 
     Loop loop;
-    SourceProbe probe(loop.scheduler, loop.sockets, loop.http, ServiceEndpoints::fromEnvironment(), out, err);
+    SourceProbe probe(loop.scheduler, loop.sockets, loop.http, endpoints(), out, err);
     probe.run(settings, std::move(*pcm), options, [&](int status) { loop.quit(status); });
     const int status = loop.exec();
     err << "ossevra-cli: sent " << probe.chunksSent() << " chunks, " << probe.bytesSent() << " bytes of audio\n";
@@ -210,7 +213,7 @@ int sourceProbe(const std::vector<std::string>& args, std::ostream& out, std::os
 int transcribeGemini(const std::string& file, RecognitionLanguage language, bool asJSON,
                      const TranslatorSettings& settings, std::ostream& out, std::ostream& err) {
     Loop loop;
-    GeminiTranscriptionClient client(loop.sockets, loop.http, loop.scheduler, ServiceEndpoints::fromEnvironment().gemini);
+    GeminiTranscriptionClient client(loop.sockets, loop.http, loop.scheduler, endpoints().gemini);
     const std::string configured = settings.models.resolved(ModelJob::fileTranscribe, settings.activeMode);
     const std::string model = isGeminiModel(ModelJob::fileTranscribe, settings) ? configured : kGeminiFileDefault;
     const GeminiRecognition recognition = GeminiRecognition::from(language, settings.glossary);
@@ -245,7 +248,7 @@ int transcribeGemini(const std::string& file, RecognitionLanguage language, bool
 int transcribeLocal(const std::string& file, RecognitionLanguage language, bool asJSON, std::ostream& out,
                     std::ostream& err) {
     Loop loop;
-    LocalModelTranscriptionClient client(loop.http, loop.scheduler, ServiceEndpoints::fromEnvironment().localModel);
+    LocalModelTranscriptionClient client(loop.http, loop.scheduler, endpoints().localModel);
     client.transcribe(file, language, kLocalTimeoutSeconds, [&](Expected<LocalTranscription> result) {
         if (!result) {
             err << "ossevra-cli: " << result.error().message << "\n";
@@ -272,7 +275,7 @@ int writeSpeech(const std::vector<std::uint8_t>& audio, const std::string& path,
 int transcribeOpenAI(const std::string& file, RecognitionLanguage language, bool asJSON,
                      const TranslatorSettings& settings, std::ostream& out, std::ostream& err) {
     Loop loop;
-    OpenAIClient client(loop.http, loop.scheduler, ServiceEndpoints::fromEnvironment().openAI);
+    OpenAIClient client(loop.http, loop.scheduler, endpoints().openAI);
     const std::string model = settings.models.resolved(ModelJob::fileTranscribe, settings.activeMode);
     auto call = client.transcribe(file, settings, language, debugTo(err), {}, [&](Expected<std::string> text) {
         if (!text) {
@@ -297,7 +300,7 @@ int speakOpenAI(const std::string& text, SpeechLanguage language, const std::opt
                 TranslatorSettings settings, const std::string& path, std::ostream& out, std::ostream& err) {
     if (voice) (language == SpeechLanguage::chinese ? settings.chineseVoice : settings.japaneseVoice) = *voice;
     Loop loop;
-    OpenAIClient client(loop.http, loop.scheduler, ServiceEndpoints::fromEnvironment().openAI);
+    OpenAIClient client(loop.http, loop.scheduler, endpoints().openAI);
     const TargetLanguage target =
         language == SpeechLanguage::chinese ? TargetLanguage::simplifiedChinese : TargetLanguage::japanese;
     auto call = client.speak(text, target, settings, debugTo(err), [&](Expected<std::string> audio) {
@@ -355,7 +358,7 @@ int voices(const std::vector<std::string>& args, std::ostream& out, std::ostream
         return kOk;
     }
     Loop loop;
-    GoogleSpeechClient client(loop.http, loop.scheduler, ServiceEndpoints::fromEnvironment().googleTTS);
+    GoogleSpeechClient client(loop.http, loop.scheduler, endpoints().googleTTS);
     client.allVoices(settings, debugTo(err), [&](Expected<std::vector<GoogleVoice>> result) {
         if (!result) {
             err << "ossevra-cli: " << result.error().message << "\n";
@@ -420,7 +423,7 @@ int speak(const std::vector<std::string>& args, std::ostream& out, std::ostream&
     if (auto voice = a.value("--voice"))
         (language == SpeechLanguage::chinese ? settings.googleChineseVoice : settings.googleJapaneseVoice) = *voice;
     Loop loop;
-    GoogleSpeechClient client(loop.http, loop.scheduler, ServiceEndpoints::fromEnvironment().googleTTS);
+    GoogleSpeechClient client(loop.http, loop.scheduler, endpoints().googleTTS);
     client.speak(text, language, settings, debugTo(err), [&](Expected<std::vector<std::uint8_t>> audio) {
         if (!audio) {
             err << "ossevra-cli: " << audio.error().message << "\n";
