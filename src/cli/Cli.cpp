@@ -40,6 +40,11 @@ constexpr const char* kUsageText =
     "                                           stream a file through the realtime translation client\n"
     "                                           (base from OSV_OPENAI_BASE_URL unless --url), one JSON\n"
     "                                           line per event and debug record\n"
+    "  translate TEXT [--origin refined|reverseToJapanese|provisional] [--context LINE]...\n"
+    "      [--target simplifiedChinese|japanese] [--json]\n"
+    "                                           one sentence pass as a live session sends it; the\n"
+    "                                           translation on one line (--json: the debug records,\n"
+    "                                           then the result with its usage, as JSON lines)\n"
     "  help                                     this text\n"
     "\n"
     "FILE may be - for standard input.\n";
@@ -65,6 +70,7 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
     if (command == "audio") return runAudio(rest, out, err);
     if (command == "recordings") return runRecordings(rest, out, err);
     if (command == "realtime") return runRealtime(rest, out, err);
+    if (command == "translate") return runTranslate(rest, out, err);
     err << "ossevra-cli: unknown command \"" << command << "\"\n\n" << kUsageText;
     return kUsage;
 }

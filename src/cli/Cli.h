@@ -28,6 +28,9 @@ int runAudio(const std::vector<std::string>& args, std::ostream& out, std::ostre
 // realtime probe: a file streamed through the realtime translation client.
 int runRealtime(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
+// translate: one sentence pass through the sentence lane.
+int runTranslate(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
 // Plays the sample conversation and prints its captions.
 int runPreview(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 

@@ -240,6 +240,27 @@ void SentenceTranslationPass::submit(const Request& request, const Uuid& recordi
 
 // MARK: - One pass
 
+std::unique_ptr<HttpCall> SentenceTranslationPass::requestTranslation(
+    OpenAIClient& client, const Request& request, const TranslatorSettings& settings, const std::string& model,
+    std::function<void(const OpenAIDebugLog&)> onDebug,
+    std::function<void(const std::string&, std::int64_t, std::int64_t)> onUsage,
+    std::function<void(Expected<std::string>)> done) {
+    const bool chineseToJapanese = usesChineseToJapanese(request);
+    const std::string instruction =
+        chineseToJapanese ? chineseToJapaneseInstruction() : refinementInstruction(settings.targetLanguage);
+    return client.sentencePass(instruction, request.text, request.context, settings,
+                               chineseToJapanese ? "发送中→日翻译请求" : "发送整句精修请求", model, std::move(onDebug),
+                               std::move(onUsage), [chineseToJapanese, done = std::move(done)](Expected<std::string> reply) {
+                                   if (!reply) return done(reply.error());
+                                   std::string text(text::trimmed(*reply));
+                                   if (text.empty())
+                                       return done(TranslatorError::apiError(chineseToJapanese ? "中→日整句翻译结果为空。"
+                                                                                               : "整句精修翻译结果为空。")
+                                                       .asError());
+                                   done(std::move(text));
+                               });
+}
+
 std::unique_ptr<HttpCall> SentenceTranslationPass::performSentencePass(const Request& request, const Uuid& recordingID,
                                                                        const TranslatorSettings& settings,
                                                                        const std::shared_ptr<LaneTicket>& ticket,
@@ -250,9 +271,6 @@ std::unique_ptr<HttpCall> SentenceTranslationPass::performSentencePass(const Req
     }
     const std::string model = host_.modelPreferences().resolved(ModelJob::fastText, settings.activeMode);
     const UsageTally::Kind kind = usageKindOf(request.origin);
-    const bool chineseToJapanese = usesChineseToJapanese(request);
-    const std::string instruction =
-        chineseToJapanese ? chineseToJapaneseInstruction() : refinementInstruction(settings.targetLanguage);
     const auto guard = lifetime_.guard();
     auto onDebug = [this, guard](const OpenAIDebugLog& l) {
         if (!guard.expired()) host_.debug(l.stamped(scheduler_.now()));
@@ -262,23 +280,15 @@ std::unique_ptr<HttpCall> SentenceTranslationPass::performSentencePass(const Req
         ticket->add(in, out);
         if (!guard.expired()) host_.usageTally().add(kind, true, in, out, m);
     };
-    return client_.sentencePass(
-        instruction, request.text, request.context, settings, chineseToJapanese ? "发送中→日翻译请求" : "发送整句精修请求",
-        model, onDebug, onUsage,
-        [this, guard, request, recordingID, chineseToJapanese, finish = std::move(finish)](Expected<std::string> reply) {
+    return requestTranslation(
+        client_, request, settings, model, onDebug, onUsage,
+        [this, guard, request, recordingID, finish = std::move(finish)](Expected<std::string> reply) {
             // The pass may be gone with its controller: nothing is filed then.
             if (guard.expired()) return finish(LaneOutcome::done());
             std::optional<Error> failure;
             std::string translation;
-            if (!reply) {
-                failure = reply.error();
-            } else {
-                translation = std::string(text::trimmed(*reply));
-                if (translation.empty())
-                    failure = TranslatorError::apiError(chineseToJapanese ? "中→日整句翻译结果为空。"
-                                                                          : "整句精修翻译结果为空。")
-                                  .asError();
-            }
+            if (reply) translation = std::move(*reply);
+            else failure = reply.error();
             const bool refined = request.origin == TranslationOrigin::refined;
             if (!failure) {
                 file(request, recordingID, TranscriptEvent::SentenceTranslated{request.sentenceID, translation, request.origin});
