@@ -156,7 +156,13 @@ void SentenceTranslationPass::dispatch(const std::vector<Request>& requests, con
         fold.advance(*log);
         learned = fold.snapshot().glossaryLines();
     }
-    for (const auto& request : requests) submit(request, recordingID, learned);
+    dispatch(requests, recordingID, learned);
+}
+
+void SentenceTranslationPass::dispatch(const std::vector<Request>& requests, const Uuid& recordingID,
+                                       const std::string& learnedLines) {
+    if (requests.empty()) return;
+    for (const auto& request : requests) submit(request, recordingID, learnedLines);
     debug(Level::info, Category::translation, "重试整句翻译", "count: " + std::to_string(requests.size()));
 }
 
@@ -198,7 +204,7 @@ void SentenceTranslationPass::retryFailedTranslations(const Uuid& recordingID, b
         }
     }
     std::string learned;
-    if (auto pending = storedPendingRequests(recordingID, learned, nullptr)) dispatch(*pending, recordingID);
+    if (auto pending = storedPendingRequests(recordingID, learned, nullptr)) dispatch(*pending, recordingID, learned);
 }
 
 void SentenceTranslationPass::sweepOutstandingTranslations(const Uuid& recordingID) {
@@ -210,7 +216,7 @@ void SentenceTranslationPass::sweepOutstandingTranslations(const Uuid& recording
     std::string details;
     for (const auto& t : texts) details += (details.empty() ? "" : "\n") + t;
     debug(Level::warning, Category::translation, "会话结束后仍有未翻译的句子，已补发", details, "translation_sweep");
-    dispatch(*pending, recordingID);
+    dispatch(*pending, recordingID, learned);
 }
 
 void SentenceTranslationPass::submit(const Request& request, const Uuid& recordingID, const std::string& learnedLines) {

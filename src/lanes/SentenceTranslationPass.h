@@ -125,6 +125,8 @@ public:
 
 private:
     void submit(const TranslationRouter::Request& request, const Uuid& recordingID, const std::string& learnedLines);
+    void dispatch(const std::vector<TranslationRouter::Request>& requests, const Uuid& recordingID,
+                  const std::string& learnedLines);
     std::unique_ptr<HttpCall> performSentencePass(const TranslationRouter::Request& request, const Uuid& recordingID,
                                                   const TranslatorSettings& settings,
                                                   const std::shared_ptr<LaneTicket>& ticket, LaneRunner::Finish finish);
