@@ -151,6 +151,14 @@ TEST_F(Pass, AClosedSentenceIsRefinedWithTheFastModelAndFiledIntoTheLiveLog) {
                            "\n\n前文（仅供理解代词和称呼，不要翻译）：\n今日はいい天気ですね。\n\n待处理的原句：\n散歩に行きましょう。");
 }
 
+TEST_F(Pass, ASentenceOfOneCharacterGetsNoPass) {
+    say("え");
+    pass->dispatchPendingTranslations(recordingID);
+    scheduler.runUntilIdle();
+    EXPECT_TRUE(transport.calls.empty());
+    EXPECT_FALSE(pass->hasTrackedWork(recordingID));
+}
+
 TEST_F(Pass, DraftsOfAnOpenSentenceComeAtEightCharactersAndEverySixteenMore) {
     speak("今日は会議で話");  // 7
     EXPECT_TRUE(transport.calls.empty());
