@@ -50,6 +50,11 @@ constexpr const char* kUsageText =
     "  voices [--vendor google|openai] [--json] the speech voices of a vendor\n"
     "  speak TEXT --language chinese|japanese [--vendor openai|google] [--voice NAME] --out FILE\n"
     "                                           synthesise speech into FILE and print its duration\n"
+    "  translate TEXT [--origin refined|reverseToJapanese|provisional] [--context LINE]...\n"
+    "      [--target simplifiedChinese|japanese] [--json]\n"
+    "                                           one sentence pass as a live session sends it; the\n"
+    "                                           translation on one line (--json: the debug records,\n"
+    "                                           then the result with its usage, as JSON lines)\n"
     "  help                                     this text\n"
     "\n"
     "FILE may be - for standard input.\n";
@@ -79,6 +84,7 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
     if (command == "transcribe") return runTranscribe(rest, out, err);
     if (command == "voices") return runVoices(rest, out, err);
     if (command == "speak") return runSpeak(rest, out, err);
+    if (command == "translate") return runTranslate(rest, out, err);
     err << "ossevra-cli: unknown command \"" << command << "\"\n\n" << kUsageText;
     return kUsage;
 }

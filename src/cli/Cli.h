@@ -33,6 +33,8 @@ int runSource(const std::vector<std::string>& args, std::ostream& out, std::ostr
 int runTranscribe(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 int runVoices(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 int runSpeak(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+// translate: one sentence pass through the sentence lane.
+int runTranslate(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 // Plays the sample conversation and prints its captions.
 int runPreview(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);

@@ -156,7 +156,13 @@ void SentenceTranslationPass::dispatch(const std::vector<Request>& requests, con
         fold.advance(*log);
         learned = fold.snapshot().glossaryLines();
     }
-    for (const auto& request : requests) submit(request, recordingID, learned);
+    dispatch(requests, recordingID, learned);
+}
+
+void SentenceTranslationPass::dispatch(const std::vector<Request>& requests, const Uuid& recordingID,
+                                       const std::string& learnedLines) {
+    if (requests.empty()) return;
+    for (const auto& request : requests) submit(request, recordingID, learnedLines);
     debug(Level::info, Category::translation, "重试整句翻译", "count: " + std::to_string(requests.size()));
 }
 
@@ -198,7 +204,7 @@ void SentenceTranslationPass::retryFailedTranslations(const Uuid& recordingID, b
         }
     }
     std::string learned;
-    if (auto pending = storedPendingRequests(recordingID, learned, nullptr)) dispatch(*pending, recordingID);
+    if (auto pending = storedPendingRequests(recordingID, learned, nullptr)) dispatch(*pending, recordingID, learned);
 }
 
 void SentenceTranslationPass::sweepOutstandingTranslations(const Uuid& recordingID) {
@@ -210,7 +216,7 @@ void SentenceTranslationPass::sweepOutstandingTranslations(const Uuid& recording
     std::string details;
     for (const auto& t : texts) details += (details.empty() ? "" : "\n") + t;
     debug(Level::warning, Category::translation, "会话结束后仍有未翻译的句子，已补发", details, "translation_sweep");
-    dispatch(*pending, recordingID);
+    dispatch(*pending, recordingID, learned);
 }
 
 void SentenceTranslationPass::submit(const Request& request, const Uuid& recordingID, const std::string& learnedLines) {
@@ -240,6 +246,27 @@ void SentenceTranslationPass::submit(const Request& request, const Uuid& recordi
 
 // MARK: - One pass
 
+std::unique_ptr<HttpCall> SentenceTranslationPass::requestTranslation(
+    OpenAIClient& client, const Request& request, const TranslatorSettings& settings, const std::string& model,
+    std::function<void(const OpenAIDebugLog&)> onDebug,
+    std::function<void(const std::string&, std::int64_t, std::int64_t)> onUsage,
+    std::function<void(Expected<std::string>)> done) {
+    const bool chineseToJapanese = usesChineseToJapanese(request);
+    const std::string instruction =
+        chineseToJapanese ? chineseToJapaneseInstruction() : refinementInstruction(settings.targetLanguage);
+    return client.sentencePass(instruction, request.text, request.context, settings,
+                               chineseToJapanese ? "发送中→日翻译请求" : "发送整句精修请求", model, std::move(onDebug),
+                               std::move(onUsage), [chineseToJapanese, done = std::move(done)](Expected<std::string> reply) {
+                                   if (!reply) return done(reply.error());
+                                   std::string text(text::trimmed(*reply));
+                                   if (text.empty())
+                                       return done(TranslatorError::apiError(chineseToJapanese ? "中→日整句翻译结果为空。"
+                                                                                               : "整句精修翻译结果为空。")
+                                                       .asError());
+                                   done(std::move(text));
+                               });
+}
+
 std::unique_ptr<HttpCall> SentenceTranslationPass::performSentencePass(const Request& request, const Uuid& recordingID,
                                                                        const TranslatorSettings& settings,
                                                                        const std::shared_ptr<LaneTicket>& ticket,
@@ -250,9 +277,6 @@ std::unique_ptr<HttpCall> SentenceTranslationPass::performSentencePass(const Req
     }
     const std::string model = host_.modelPreferences().resolved(ModelJob::fastText, settings.activeMode);
     const UsageTally::Kind kind = usageKindOf(request.origin);
-    const bool chineseToJapanese = usesChineseToJapanese(request);
-    const std::string instruction =
-        chineseToJapanese ? chineseToJapaneseInstruction() : refinementInstruction(settings.targetLanguage);
     const auto guard = lifetime_.guard();
     auto onDebug = [this, guard](const OpenAIDebugLog& l) {
         if (!guard.expired()) host_.debug(l.stamped(scheduler_.now()));
@@ -262,23 +286,15 @@ std::unique_ptr<HttpCall> SentenceTranslationPass::performSentencePass(const Req
         ticket->add(in, out);
         if (!guard.expired()) host_.usageTally().add(kind, true, in, out, m);
     };
-    return client_.sentencePass(
-        instruction, request.text, request.context, settings, chineseToJapanese ? "发送中→日翻译请求" : "发送整句精修请求",
-        model, onDebug, onUsage,
-        [this, guard, request, recordingID, chineseToJapanese, finish = std::move(finish)](Expected<std::string> reply) {
+    return requestTranslation(
+        client_, request, settings, model, onDebug, onUsage,
+        [this, guard, request, recordingID, finish = std::move(finish)](Expected<std::string> reply) {
             // The pass may be gone with its controller: nothing is filed then.
             if (guard.expired()) return finish(LaneOutcome::done());
             std::optional<Error> failure;
             std::string translation;
-            if (!reply) {
-                failure = reply.error();
-            } else {
-                translation = std::string(text::trimmed(*reply));
-                if (translation.empty())
-                    failure = TranslatorError::apiError(chineseToJapanese ? "中→日整句翻译结果为空。"
-                                                                          : "整句精修翻译结果为空。")
-                                  .asError();
-            }
+            if (reply) translation = std::move(*reply);
+            else failure = reply.error();
             const bool refined = request.origin == TranslationOrigin::refined;
             if (!failure) {
                 file(request, recordingID, TranscriptEvent::SentenceTranslated{request.sentenceID, translation, request.origin});

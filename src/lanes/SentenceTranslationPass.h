@@ -115,8 +115,18 @@ public:
     // Chinese; the refinement otherwise.
     static bool usesChineseToJapanese(const TranslationRouter::Request& request);
 
+    // Sends one request with its prompt, the context, the settings' glossary and `model`;
+    // trims the reply, and fails on an empty one. What a pass sends, for any caller.
+    static std::unique_ptr<HttpCall> requestTranslation(OpenAIClient& client, const TranslationRouter::Request& request,
+                                                        const TranslatorSettings& settings, const std::string& model,
+                                                        std::function<void(const OpenAIDebugLog&)> onDebug,
+                                                        std::function<void(const std::string&, std::int64_t, std::int64_t)> onUsage,
+                                                        std::function<void(Expected<std::string>)> done);
+
 private:
     void submit(const TranslationRouter::Request& request, const Uuid& recordingID, const std::string& learnedLines);
+    void dispatch(const std::vector<TranslationRouter::Request>& requests, const Uuid& recordingID,
+                  const std::string& learnedLines);
     std::unique_ptr<HttpCall> performSentencePass(const TranslationRouter::Request& request, const Uuid& recordingID,
                                                   const TranslatorSettings& settings,
                                                   const std::shared_ptr<LaneTicket>& ticket, LaneRunner::Finish finish);

@@ -506,6 +506,11 @@ OpenAIClient::Call OpenAIClient::repairInContext(const std::vector<std::string>&
     const std::string model = settings.models.resolved(ModelJob::strongText, settings.activeMode);
     const auto request = ResponsesRequest::make(model, repairInContextInput(sentences, earlier, glossary), 0);
     const int count = int(sentences.size());
+    if (!text::isBlank(settings.apiKey))
+        report(onDebug, log(Level::info, "发送上下文校准请求",
+                            "endpoint: /v1/responses\nmodel: " + model + "\nsentences: " + std::to_string(count) +
+                                "\ncontextSentences: " + std::to_string(earlier.size()) +
+                                "\nglossary: " + (glossary.empty() ? "无" : "有")));
     return responses(request, settings, "responses.context_repair", onDebug, std::move(onUsage),
                      [count, done = std::move(done)](Expected<ResponsesResponse> r) {
                          if (!r) return done(r.error());
@@ -520,6 +525,10 @@ OpenAIClient::Call OpenAIClient::summarize(const std::optional<SessionSummary>& 
     const std::string model = settings.models.resolved(ModelJob::strongText, settings.activeMode);
     const auto request =
         ResponsesRequest::make(model, summarizeInput(previous, newLines, settings.targetLanguage), 0.2);
+    if (!text::isBlank(settings.apiKey))
+        report(onDebug, log(Level::info, "发送摘要请求",
+                            "endpoint: /v1/responses\nmodel: " + model + "\nnewLines: " + std::to_string(newLines.size()) +
+                                "\nprevious: " + (previous ? "有" : "无")));
     return responses(request, settings, "responses.summary", onDebug, std::move(onUsage),
                      [onDebug, done = std::move(done)](Expected<ResponsesResponse> r) {
                          if (!r) return done(r.error());
@@ -539,6 +548,10 @@ OpenAIClient::Call OpenAIClient::learnGlossary(const std::vector<std::string>& l
                                                UsageHandler onUsage, Done<std::vector<GlossaryTerm>> done) {
     const std::string model = settings.models.resolved(ModelJob::strongText, settings.activeMode);
     const auto request = ResponsesRequest::make(model, learnGlossaryInput(lines, known), 0);
+    if (!text::isBlank(settings.apiKey))
+        report(onDebug, log(Level::info, "发送术语学习请求",
+                            "endpoint: /v1/responses\nmodel: " + model + "\nlines: " + std::to_string(lines.size()) +
+                                "\nknown: " + std::to_string(known.size())));
     return responses(request, settings, "responses.glossary", onDebug, std::move(onUsage),
                      [done = std::move(done)](Expected<ResponsesResponse> r) {
                          if (!r) return done(r.error());

@@ -151,6 +151,14 @@ TEST_F(Pass, AClosedSentenceIsRefinedWithTheFastModelAndFiledIntoTheLiveLog) {
                            "\n\n前文（仅供理解代词和称呼，不要翻译）：\n今日はいい天気ですね。\n\n待处理的原句：\n散歩に行きましょう。");
 }
 
+TEST_F(Pass, ASentenceOfOneCharacterGetsNoPass) {
+    say("え");
+    pass->dispatchPendingTranslations(recordingID);
+    scheduler.runUntilIdle();
+    EXPECT_TRUE(transport.calls.empty());
+    EXPECT_FALSE(pass->hasTrackedWork(recordingID));
+}
+
 TEST_F(Pass, DraftsOfAnOpenSentenceComeAtEightCharactersAndEverySixteenMore) {
     speak("今日は会議で話");  // 7
     EXPECT_TRUE(transport.calls.empty());
@@ -248,6 +256,22 @@ TEST_F(Pass, FailuresShowShortWordsAndARetrySucceeds) {
     say("以上です。");
     answer("");
     EXPECT_EQ(*sentence(1).translationFailure, "OpenAI API 错误：整句精修翻译结果为空。");
+}
+
+TEST_F(Pass, TermsLearnedDuringTheSessionJoinTheUsersGlossaryFromTheNextSentenceOn) {
+    TranslatorSettings settings;
+    EXPECT_EQ(SentenceTranslationPass::settingsWithGlossary(settings, "").glossary, "");
+    settings.glossary = "  \n";
+    EXPECT_EQ(SentenceTranslationPass::settingsWithGlossary(settings, "小林 → 小林").glossary, "小林 → 小林");
+    settings.glossary = "田中";
+    EXPECT_EQ(SentenceTranslationPass::settingsWithGlossary(settings, "小林 → 小林").glossary, "田中\n小林 → 小林");
+    EXPECT_EQ(SentenceTranslationPass::settingsWithGlossary(settings, "").glossary, "田中");
+
+    host.current.glossary = "田中";
+    session.attachGlossary({GlossaryTerm{"小林", std::string("小橋"), std::string("小林")}}, scheduler.now());
+    say("小橋さんです。");
+    EXPECT_EQ(input(), std::string(kRefinementToChinese) +
+                           "\n\n固定译法（人名/产品名等，必须照用）：\n田中\n小林（识别常写成：小橋） → 小林\n\n待处理的原句：\n小橋さんです。");
 }
 
 TEST_F(Pass, FailureSummariesAreCutAt40Characters) {
