@@ -46,6 +46,21 @@ constexpr const char* kUsageText =
     "                                           \"stop\" on standard input, after N seconds, or S seconds\n"
     "                                           (default 3) after the files ended; pause/resume on stdin\n"
     "  live --demo [--json]                     the same against the bundled fake server: no key, no network\n"
+    "  source probe --audio FILE [--vendor openai|gemini] [--model NAME]\n"
+    "      [--language auto|chinese|japanese] [--speed 1|max]\n"
+    "                                           stream a file through a source recogniser (24 kHz to\n"
+    "                                           OpenAI, 16 kHz to Gemini), one JSON line per event;\n"
+    "                                           the vendor is the configured model's unless given\n"
+    "  transcribe FILE [--vendor openai|gemini|local] [--language auto|chinese|japanese] [--json]\n"
+    "                                           a whole file's text (--json: with segments or speakers)\n"
+    "  voices [--vendor google|openai] [--json] the speech voices of a vendor\n"
+    "  speak TEXT --language chinese|japanese [--vendor openai|google] [--voice NAME] --out FILE\n"
+    "                                           synthesise speech into FILE and print its duration\n"
+    "  translate TEXT [--origin refined|reverseToJapanese|provisional] [--context LINE]...\n"
+    "      [--target simplifiedChinese|japanese] [--json]\n"
+    "                                           one sentence pass as a live session sends it; the\n"
+    "                                           translation on one line (--json: the debug records,\n"
+    "                                           then the result with its usage, as JSON lines)\n"
     "  help                                     this text\n"
     "\n"
     "FILE may be - for standard input.\n";
@@ -72,6 +87,11 @@ int run(const std::vector<std::string>& args, std::istream& in, std::ostream& ou
     if (command == "recordings") return runRecordings(rest, out, err);
     if (command == "realtime") return runRealtime(rest, out, err);
     if (command == "live") return runLive(rest, out, err);
+    if (command == "source") return runSource(rest, out, err);
+    if (command == "transcribe") return runTranscribe(rest, out, err);
+    if (command == "voices") return runVoices(rest, out, err);
+    if (command == "speak") return runSpeak(rest, out, err);
+    if (command == "translate") return runTranslate(rest, out, err);
     err << "ossevra-cli: unknown command \"" << command << "\"\n\n" << kUsageText;
     return kUsage;
 }

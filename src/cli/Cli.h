@@ -30,6 +30,13 @@ int runRealtime(const std::vector<std::string>& args, std::ostream& out, std::os
 
 // live: a live session from capture or audio files, or the demo against the loopback fake.
 int runLive(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+// source probe, transcribe, voices, speak: the speech vendors' clients.
+int runSource(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+int runTranscribe(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+int runVoices(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+int runSpeak(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+// translate: one sentence pass through the sentence lane.
+int runTranslate(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 // Plays the sample conversation and prints its captions.
 int runPreview(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);

@@ -94,6 +94,7 @@ ServiceEndpoints ServiceEndpoints::fromEnvironment(const std::function<std::opti
     if (auto v = read("OSV_GEMINI_BASE_URL")) e.gemini = *v;
     if (auto v = read("OSV_GOOGLE_TTS_BASE_URL")) e.googleTTS = *v;
     if (auto v = read("OSV_JEV_BASE_URL")) e.jev = *v;
+    if (auto v = read("OSV_LOCAL_MODEL_URL")) e.localModel = *v;
     return e;
 }
 

@@ -19,9 +19,12 @@ struct ServiceEndpoints {
     std::string gemini = "https://generativelanguage.googleapis.com";
     std::string googleTTS = "https://texttospeech.googleapis.com";
     std::string jev = "https://api.jev.ai";
+    // Model Live, the transcription service on the loopback interface.
+    std::string localModel = "http://127.0.0.1:18082";
 
     // The defaults, each replaced by its variable when that is set and not blank:
-    // OSV_OPENAI_BASE_URL, OSV_GEMINI_BASE_URL, OSV_GOOGLE_TTS_BASE_URL, OSV_JEV_BASE_URL.
+    // OSV_OPENAI_BASE_URL, OSV_GEMINI_BASE_URL, OSV_GOOGLE_TTS_BASE_URL, OSV_JEV_BASE_URL,
+    // OSV_LOCAL_MODEL_URL.
     // `lookup` reads one variable (std::getenv by default).
     static ServiceEndpoints fromEnvironment(
         const std::function<std::optional<std::string>(const char*)>& lookup = {});

@@ -44,6 +44,8 @@ TEST(ServiceEndpoints, EachVariableOverridesItsServiceAndBlankMeansUnset) {
     EXPECT_EQ(all.gemini, "http://OSV_GEMINI_BASE_URL");
     EXPECT_EQ(all.googleTTS, "http://OSV_GOOGLE_TTS_BASE_URL");
     EXPECT_EQ(all.jev, "http://OSV_JEV_BASE_URL");
+    EXPECT_EQ(all.localModel, "http://OSV_LOCAL_MODEL_URL");
+    EXPECT_EQ(e.localModel, "http://127.0.0.1:18082");
 }
 
 TEST(RealtimeServerEvent, DecodesTheWireShapeStrictlyButIgnoresUnknownFields) {

@@ -22,8 +22,9 @@ TEST(FakeRealtimeScenario, ReadsTriggersAndActionsAndSkipsCommentsAndBlankLines)
 {"raw": "not json"}
 )");
     ASSERT_TRUE(rules) << rules.error().message;
-    ASSERT_EQ(rules->size(), 8u);
-    const auto& r = *rules;
+    ASSERT_EQ(rules->socketRules.size(), 8u);
+    EXPECT_TRUE(rules->httpRules.empty());
+    const auto& r = rules->socketRules;
     EXPECT_EQ(r[0].on, "connect");
     EXPECT_EQ(r[0].line, 2);
     EXPECT_EQ(r[1].on, "session.input_audio_buffer.append");

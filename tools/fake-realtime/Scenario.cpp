@@ -24,8 +24,9 @@ std::optional<Rule> parseRule(const Json& j, int line, std::string& problem) {
         problem = "a rule is a JSON object";
         return std::nullopt;
     }
-    static const std::vector<std::string> kKnown{"on", "nth", "every", "after_ms", "speaker", "connection", "send", "raw",
-                                                 "error", "binary", "close", "drop", "stall", "expire"};
+    static const std::vector<std::string> kKnown{"on",    "nth",   "every", "after_ms", "speaker", "connection",
+                                                 "send",  "raw",   "error", "binary",   "close",   "drop",
+                                                 "stall", "expire", "path", "pad"};
     for (auto it = j.begin(); it != j.end(); ++it)
         if (std::find(kKnown.begin(), kKnown.end(), it.key()) == kKnown.end()) {
             problem = "unknown key \"" + it.key() + "\"";
@@ -41,6 +42,14 @@ std::optional<Rule> parseRule(const Json& j, int line, std::string& problem) {
         r.on = on->get<std::string>();
         if (r.on == "append") r.on = "session.input_audio_buffer.append";
     }
+    if (const auto path = j.find("path"); path != j.end()) {
+        if (!path->is_string() || path->get<std::string>().empty() || path->get<std::string>()[0] != '/') {
+            problem = "\"path\" takes a path beginning with \"/\" (a trailing * makes it a prefix)";
+            return std::nullopt;
+        }
+        r.path = path->get<std::string>();
+    }
+    r.padBytes = positiveInt(j, "pad", problem).value_or(0);
     r.nth = positiveInt(j, "nth", problem);
     r.every = positiveInt(j, "every", problem);
     r.afterMs = positiveInt(j, "after_ms", problem).value_or(0);
@@ -132,6 +141,18 @@ std::optional<Rule> parseRule(const Json& j, int line, std::string& problem) {
         }
     }
     if (!problem.empty()) return std::nullopt;
+    if (r.padBytes > 0) {
+        if (!j.contains("send")) {
+            problem = "\"pad\" goes with \"send\"";
+            return std::nullopt;
+        }
+        // A large frame: each message gets a "padding" member of that many characters.
+        for (auto& frame : r.frames) {
+            Json m = *json::parse(frame);
+            m["padding"] = std::string(std::size_t(r.padBytes), 'x');
+            frame = json::dumpLine(m);
+        }
+    }
     if (actions != 1) {
         problem = "give exactly one of \"send\", \"raw\", \"error\", \"close\", \"drop\", \"stall\", \"expire\"";
         return std::nullopt;
@@ -141,14 +162,34 @@ std::optional<Rule> parseRule(const Json& j, int line, std::string& problem) {
 
 }  // namespace
 
+bool Rule::appliesTo(std::string_view connectionPath) const {
+    if (!path) return true;
+    if (path->back() == '*') return connectionPath.substr(0, path->size() - 1) == std::string_view(*path).substr(0, path->size() - 1);
+    return connectionPath == *path;
+}
+
+std::vector<std::string> triggersOf(const json::Json& message) {
+    if (!message.is_object()) return {};
+    if (auto type = json::readOptional<std::string>(message, "type")) return {*type};
+    // Messages without a type (Gemini Live: "setup", "realtimeInput", ...) trigger by their
+    // top-level keys, and by each key with the keys of its object: "realtimeInput.audio".
+    std::vector<std::string> names;
+    for (auto it = message.begin(); it != message.end(); ++it) {
+        names.push_back(it.key());
+        if (it->is_object())
+            for (auto inner = it->begin(); inner != it->end(); ++inner) names.push_back(it.key() + "." + inner.key());
+    }
+    return names;
+}
+
 bool Rule::firesAt(int count) const {
     if (nth) return count == *nth;
     if (every) return count % *every == 0;
     return true;
 }
 
-Expected<std::vector<Rule>> parseScenario(std::string_view text) {
-    std::vector<Rule> rules;
+Expected<Scenario> parseScenario(std::string_view text, const std::string& baseDirectory) {
+    Scenario scenario;
     std::string problems;
     std::istringstream in{std::string(text)};
     std::string lineText;
@@ -159,14 +200,17 @@ Expected<std::vector<Rule>> parseScenario(std::string_view text) {
         if (first == std::string::npos || lineText[first] == '#' || lineText.compare(first, 2, "//") == 0) continue;
         std::string problem;
         const auto parsed = json::parse(lineText);
-        std::optional<Rule> rule;
-        if (!parsed) problem = "not one JSON object";
-        else rule = parseRule(*parsed, line, problem);
-        if (rule) rules.push_back(std::move(*rule));
-        else problems += "line " + std::to_string(line) + ": " + problem + "\n";
+        if (!parsed) {
+            problem = "not one JSON object";
+        } else if (parsed->is_object() && parsed->contains("http")) {
+            if (auto rule = parseHttpRule(*parsed, line, baseDirectory, problem)) scenario.httpRules.push_back(std::move(*rule));
+        } else if (auto rule = parseRule(*parsed, line, problem)) {
+            scenario.socketRules.push_back(std::move(*rule));
+        }
+        if (!problem.empty()) problems += "line " + std::to_string(line) + ": " + problem + "\n";
     }
     if (!problems.empty()) return Error{"bad_scenario", problems};
-    return rules;
+    return scenario;
 }
 
 }  // namespace osv::fake

@@ -1,6 +1,7 @@
 #pragma once
 
-// A scenario of the fake realtime server: rules read from a hand-written JSON Lines file.
+// A scenario of the fake server: rules read from a hand-written JSON Lines file, for the
+// WebSocket connections and for plain HTTP requests.
 // See README.md in this folder for the format.
 
 #include <optional>
@@ -8,7 +9,9 @@
 #include <string_view>
 #include <vector>
 
+#include "HttpExchange.h"
 #include "core/Expected.h"
+#include "core/Json.h"
 
 namespace osv::fake {
 
@@ -39,11 +42,25 @@ struct Rule {
     int expiresAfterS = 0;
     bool announce = true;
 
+    std::optional<std::string> path;  // only on connections to this path (trailing *: a prefix)
+    int padBytes = 0;                 // each sent message gets a "padding" member this long
+
     // Whether the `count`th message of type `on` fires this rule.
     bool firesAt(int count) const;
+    bool appliesTo(std::string_view connectionPath) const;
 };
 
-// The rules of a scenario file, or an error naming every bad line.
-Expected<std::vector<Rule>> parseScenario(std::string_view text);
+// The names a client's message triggers: its "type", or else its top-level keys and each
+// "key.innerKey" of an object member.
+std::vector<std::string> triggersOf(const json::Json& message);
+
+struct Scenario {
+    std::vector<Rule> socketRules;    // played to each WebSocket connection
+    std::vector<HttpRule> httpRules;  // lines with "http": answer plain requests
+};
+
+// The rules of a scenario file, or an error naming every bad line. `baseDirectory` is
+// where relative "file" bodies are read from (the scenario file's folder).
+Expected<Scenario> parseScenario(std::string_view text, const std::string& baseDirectory = {});
 
 }  // namespace osv::fake

@@ -1,5 +1,6 @@
-// fake-realtime: a loopback stand-in for the realtime WebSocket endpoints. It plays a
-// scenario file to every client that connects and writes everything it receives to a
+// fake-realtime: a loopback stand-in for the vendors' endpoints. One port serves both the
+// WebSocket endpoints (a scenario played to every client that connects) and plain HTTP
+// (requests answered by the scenario's "http" rules); everything received is written to a
 // JSON Lines file. See README.md in this folder.
 
 #include <QCoreApplication>
@@ -9,6 +10,8 @@
 #include <QHostAddress>
 #include <QNetworkRequest>
 #include <QPointer>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTimer>
 #include <QUrl>
 #include <QWebSocket>
@@ -16,6 +19,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -34,8 +38,9 @@ constexpr const char* kUsage =
     "usage: fake-realtime --scenario FILE.jsonl [--port N] [--record FILE.jsonl] [--expect-key KEY] [--once]\n"
     "  --port N         listen on 127.0.0.1:N (0, the default: any free port); the port is the\n"
     "                   first line on standard output\n"
-    "  --record FILE    append every received message, connection and close as JSON lines\n"
-    "  --expect-key K   record whether the Authorization header is \"Bearer K\" (never the key)\n"
+    "  --record FILE    append every received message, connection, close and HTTP request as\n"
+    "                   JSON lines\n"
+    "  --expect-key K   record whether the request carried the key K (never the key itself)\n"
     "  --once           exit once the first client has gone\n";
 
 class Recorder {
@@ -53,7 +58,7 @@ private:
 };
 
 struct Options {
-    std::vector<Rule> rules;
+    Scenario scenario;
     std::optional<std::string> expectedKey;
 };
 
@@ -74,22 +79,18 @@ public:
         connect["event"] = "connect";
         connect["connection"] = connection_;
         connect["ms"] = 0;
-        connect["path"] = request.url().path().toStdString();
-        connect["query"] = request.url().query(QUrl::FullyDecoded).toStdString();
+        path_ = request.url().path().toStdString();
+        connect["path"] = path_;
+        connect["query"] = queryWithoutKey(request.url().query(QUrl::FullyEncoded).toStdString());
         Json headers = Json::object();
-        std::string authorization = "missing";
+        HeaderPairs all;
         for (const QByteArray& name : request.rawHeaderList()) {
             const std::string value = request.rawHeader(name).toStdString();
-            if (name.compare("authorization", Qt::CaseInsensitive) == 0) {
-                // Never written down: only whether it is what the test gave.
-                authorization = !options_.expectedKey ? "present"
-                                : value == "Bearer " + *options_.expectedKey ? "ok"
-                                                                             : "mismatch";
-            } else if (name.compare("openai-safety-identifier", Qt::CaseInsensitive) == 0) {
-                headers[name.toStdString()] = value;
-            }
+            all.emplace_back(name.toStdString(), value);
+            if (name.compare("openai-safety-identifier", Qt::CaseInsensitive) == 0) headers[name.toStdString()] = value;
         }
-        connect["authorization"] = authorization;
+        // The key is never written down: only whether it is what the test gave.
+        connect["authorization"] = keyCheck(all, request.url().query(QUrl::FullyEncoded).toStdString(), options_.expectedKey);
         connect["headers"] = headers;
         recorder_.write(connect);
         trigger("connect", 0);
@@ -103,21 +104,23 @@ private:
         line["ms"] = clock_.elapsed();
         line["kind"] = kind;
         const auto message = json::parse(payload);
-        std::string type;
+        std::vector<std::string> triggers;
         if (message && message->is_object()) {
             line["message"] = *message;
-            type = json::read<std::string>(*message, "type", "");
+            triggers = triggersOf(*message);
         } else {
             line["raw"] = payload;
         }
         recorder_.write(line);
-        if (type == "session.input_audio_buffer.append" && speaker_ == 0) speaker_ = ++speakersSoFar;
-        if (!type.empty()) trigger(type, ++counts_[type]);
+        if (std::find(triggers.begin(), triggers.end(), "session.input_audio_buffer.append") != triggers.end() &&
+            speaker_ == 0)
+            speaker_ = ++speakersSoFar;
+        for (const auto& name : triggers) trigger(name, ++counts_[name]);
     }
 
     void trigger(const std::string& on, int count) {
-        for (const Rule& rule : options_.rules) {
-            if (rule.on != on || !rule.firesAt(count)) continue;
+        for (const Rule& rule : options_.scenario.socketRules) {
+            if (rule.on != on || !rule.firesAt(count) || !rule.appliesTo(path_)) continue;
             if (rule.speaker && *rule.speaker != speaker_) continue;
             if (!rule.connections.empty() &&
                 std::find(rule.connections.begin(), rule.connections.end(), connection_) == rule.connections.end())
@@ -203,6 +206,7 @@ private:
     std::function<void()> onGone_;
     QElapsedTimer clock_;
     std::map<std::string, int> counts_;
+    std::string path_;
     int speaker_ = 0;
     inline static int speakersSoFar = 0;
     inline static int connectionsSoFar = 0;
@@ -212,6 +216,140 @@ private:
     bool dropped_ = false;
     bool closedByServer_ = false;
 };
+
+// What all HTTP connections share: the numbering of requests and the count per path.
+struct HttpState {
+    const Options& options;
+    Recorder& recorder;
+    QElapsedTimer clock;
+    int nextId = 0;
+    std::map<std::string, int> countByPath;
+};
+
+// One plain HTTP connection: requests are read and answered one after another.
+class HttpConnection : public QObject {
+public:
+    HttpConnection(QTcpSocket* socket, HttpState& state, std::string alreadyRead)
+        : QObject(socket), socket_(socket), state_(state), buffer_(std::move(alreadyRead)) {
+        QObject::connect(socket_, &QTcpSocket::readyRead, this, [this] {
+            const QByteArray bytes = socket_->readAll();
+            buffer_.append(bytes.constData(), std::size_t(bytes.size()));
+            process();
+        });
+        QObject::connect(socket_, &QTcpSocket::disconnected, this, [this] { gone(); });
+        process();
+    }
+
+private:
+    void process() {
+        while (!busy_ && !closing_) {
+            const ReadResult r = readRequest(buffer_);
+            if (r.state == ReadResult::State::bad) {
+                HttpReply reply;
+                reply.status = 400;
+                reply.body = "fake-realtime: " + r.problem + "\n";
+                write(renderResponse(reply, true));
+                closing_ = true;
+                socket_->disconnectFromHost();
+                return;
+            }
+            if (r.state == ReadResult::State::incomplete) {
+                if (r.headersComplete && r.expectsContinue && !continueSent_) {
+                    continueSent_ = true;
+                    write("HTTP/1.1 100 Continue\r\n\r\n");
+                }
+                return;
+            }
+            buffer_.erase(0, r.consumed);
+            continueSent_ = false;
+            handle(r.request);
+        }
+    }
+
+    void handle(const HttpRequestData& request) {
+        const int id = ++state_.nextId;
+        const int count = ++state_.countByPath[request.method + " " + request.path];
+        const HttpRule* rule = chooseRule(state_.options.scenario.httpRules, request, count);
+        const HttpReply reply = rule ? rule->reply : unmatchedReply(request);
+        state_.recorder.write(recordOf(request, id, state_.clock.elapsed(),
+                                       keyCheck(request.headers, request.query, state_.options.expectedKey), rule, reply));
+
+        busy_ = true;
+        pendingId_ = id;
+        if (reply.action == HttpReply::Action::stall) return;
+        const bool close = request.wantsClose();
+        auto answer = [this, reply, close] {
+            if (!busy_) return;
+            busy_ = false;
+            if (reply.action == HttpReply::Action::drop) {
+                closing_ = true;
+                socket_->abort();
+                return;
+            }
+            write(renderResponse(reply, close));
+            if (close) {
+                closing_ = true;
+                socket_->disconnectFromHost();
+            } else {
+                process();
+            }
+        };
+        if (reply.delayMs > 0) QTimer::singleShot(reply.delayMs, this, answer);
+        else answer();
+    }
+
+    void write(const std::string& bytes) {
+        socket_->write(bytes.data(), qint64(bytes.size()));
+        socket_->flush();
+    }
+
+    void gone() {
+        if (busy_) {
+            // The client went away before its answer: a cancelled request.
+            busy_ = false;
+            Json line = Json::object();
+            line["event"] = "http_cancelled";
+            line["id"] = pendingId_;
+            line["ms"] = state_.clock.elapsed();
+            state_.recorder.write(line);
+        }
+        socket_->deleteLater();
+    }
+
+    QTcpSocket* socket_;
+    HttpState& state_;
+    std::string buffer_;
+    bool busy_ = false;
+    bool closing_ = false;
+    bool continueSent_ = false;
+    int pendingId_ = 0;
+};
+
+// Waits for a new connection's request head, then hands the socket to the WebSocket server
+// (an Upgrade request) or to an HTTP connection. Only peeks, so the WebSocket server reads
+// the handshake itself.
+void route(QTcpSocket* socket, QWebSocketServer& webSockets, HttpState& http) {
+    auto* context = new QObject(socket);
+    auto decide = [socket, context, &webSockets, &http] {
+        const QByteArray head = socket->peek(socket->bytesAvailable());
+        const qsizetype end = head.indexOf("\r\n\r\n");
+        if (end < 0) {
+            if (head.size() > 256 * 1024) socket->abort();
+            return;
+        }
+        QObject::disconnect(socket, nullptr, context, nullptr);
+        context->deleteLater();
+        if (isWebSocketUpgrade(std::string_view(head.constData(), std::size_t(end + 4)))) {
+            webSockets.handleConnection(socket);
+        } else {
+            const QByteArray bytes = socket->readAll();
+            new HttpConnection(socket, http, std::string(bytes.constData(), std::size_t(bytes.size())));
+        }
+    };
+    QObject::connect(socket, &QTcpSocket::readyRead, context, decide);
+    QObject::connect(socket, &QTcpSocket::disconnected, context, [socket] { socket->deleteLater(); });
+    if (socket->bytesAvailable() > 0) QTimer::singleShot(0, context, decide);
+}
 
 int run(int argc, char** argv) {
     QCoreApplication app(argc, argv);
@@ -261,24 +399,32 @@ int run(int argc, char** argv) {
     }
     std::stringstream text;
     text << scenarioFile.rdbuf();
-    auto rules = parseScenario(text.str());
-    if (!rules) {
-        std::cerr << "fake-realtime: " << scenarioPath << ":\n" << rules.error().message;
+    auto scenario = parseScenario(text.str(), std::filesystem::path(scenarioPath).parent_path().string());
+    if (!scenario) {
+        std::cerr << "fake-realtime: " << scenarioPath << ":\n" << scenario.error().message;
         return 2;
     }
-    options.rules = std::move(*rules);
+    options.scenario = std::move(*scenario);
     Recorder recorder(recordPath);
     if (!recordPath.empty() && recorder.failed()) {
         std::cerr << "fake-realtime: cannot write " << recordPath << "\n";
         return 2;
     }
 
+    // One port for both: the TCP server takes every connection, the WebSocket server only
+    // handles the upgrades handed to it.
     QWebSocketServer server("fake-realtime", QWebSocketServer::NonSecureMode);
-    if (!server.listen(QHostAddress::LocalHost, quint16(port))) {
-        std::cerr << "fake-realtime: cannot listen: " << server.errorString().toStdString() << "\n";
+    QTcpServer tcp;
+    if (!tcp.listen(QHostAddress::LocalHost, quint16(port))) {
+        std::cerr << "fake-realtime: cannot listen: " << tcp.errorString().toStdString() << "\n";
         return 1;
     }
-    std::cout << server.serverPort() << std::endl;
+    HttpState http{options, recorder, {}, 0, {}};
+    http.clock.start();
+    QObject::connect(&tcp, &QTcpServer::newConnection, &tcp, [&] {
+        while (QTcpSocket* socket = tcp.nextPendingConnection()) route(socket, server, http);
+    });
+    std::cout << tcp.serverPort() << std::endl;
 
     std::vector<std::unique_ptr<Session>> sessions;
     QObject::connect(&server, &QWebSocketServer::newConnection, &server, [&] {
