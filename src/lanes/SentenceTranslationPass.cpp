@@ -120,7 +120,9 @@ bool SentenceTranslationPass::hasTrackedWork(const Uuid& recordingID) const {
 
 bool SentenceTranslationPass::hasOutstandingTranslations(const Uuid& recordingID, const TimelineList<Sentence>& sentences,
                                                          const TranslationRouter::Config& config, Date now) const {
-    return hasTrackedWork(recordingID) || !TranslationRouter::pendingRequests(sentences, config, now).empty();
+    // A sentence held for its repair is owed a pass too.
+    return hasTrackedWork(recordingID) || !TranslationRouter::pendingRequests(sentences, config, now).empty() ||
+           TranslationRouter::nextDeadline(sentences, config, now).has_value();
 }
 
 // MARK: - Dispatching

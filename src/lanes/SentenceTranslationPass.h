@@ -97,7 +97,8 @@ public:
     bool hasTrackedWork(const Uuid& recordingID) const;
     // For the screens: a sentence shows its failure words.
     static bool hasFailedTranslations(const TimelineList<Sentence>& sentences);
-    // For the screens: jobs under way, or sentences the router still owes a pass at `now`.
+    // For the screens: jobs under way, or sentences the router owes a pass at `now` (due, or
+    // held for their repair).
     bool hasOutstandingTranslations(const Uuid& recordingID, const TimelineList<Sentence>& sentences,
                                     const TranslationRouter::Config& config, Date now) const;
 

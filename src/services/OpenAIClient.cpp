@@ -100,6 +100,24 @@ private:
     std::shared_ptr<bool> cancelled_;
 };
 
+// A call whose request is not sent yet: cancelling it now keeps the request from going.
+class DeferredCall final : public HttpCall {
+public:
+    struct State {
+        bool cancelled = false;
+        std::unique_ptr<HttpCall> call;
+    };
+    explicit DeferredCall(std::shared_ptr<State> state) : state_(std::move(state)) {}
+    ~DeferredCall() override { cancel(); }
+    void cancel() override {
+        state_->cancelled = true;
+        state_->call.reset();
+    }
+
+private:
+    std::shared_ptr<State> state_;
+};
+
 struct FormField {
     std::string name;
     std::string value;
@@ -597,24 +615,47 @@ OpenAIClient::Call OpenAIClient::transcribe(const std::string& audioPath, const 
     if (key.empty()) return fail(TranslatorError::missingAPIKey().asError(), failing(done));
     const auto endpoint = url("/audio/transcriptions");
     if (!endpoint) return fail(TranslatorError::invalidResponse("OpenAI 地址无效：" + base_).asError(), failing(done));
-    std::ifstream in(audioPath, std::ios::binary);
-    if (!in) return fail(TranslatorError::recordingFailed("无法读取音频文件 " + audioPath).asError(), failing(done));
-    std::ostringstream data;
-    data << in.rdbuf();
+    // An hour of audio is tens of megabytes: it is read off the main thread, and the
+    // request goes out once it has been.
+    auto deferred = std::make_shared<DeferredCall::State>();
+    const auto guard = lifetime_.guard();
+    scheduler_.background(
+        [audioPath]() -> std::optional<std::string> {
+            std::ifstream in(audioPath, std::ios::binary);
+            if (!in) return std::nullopt;
+            std::ostringstream data;
+            data << in.rdbuf();
+            return data.str();
+        },
+        [this, guard, deferred, audioPath, key, endpoint = *endpoint, settings, language, onDebug = std::move(onDebug),
+         onUsage = std::move(onUsage), done = std::move(done)](std::optional<std::string> data) mutable {
+            if (guard.expired() || deferred->cancelled) return;
+            if (!data) return done(TranslatorError::recordingFailed("无法读取音频文件 " + audioPath).asError());
+            deferred->call = sendTranscription(std::move(*data), audioPath, key, endpoint, settings, language,
+                                               std::move(onDebug), std::move(onUsage), std::move(done));
+        });
+    return std::make_unique<DeferredCall>(deferred);
+}
+
+OpenAIClient::Call OpenAIClient::sendTranscription(std::string data, const std::string& audioPath, const std::string& key,
+                                                   const std::string& endpoint, const TranslatorSettings& settings,
+                                                   RecognitionLanguage language, DebugHandler onDebug,
+                                                   UsageHandler onUsage, Done<std::string> done) {
     const std::string model = settings.models.resolved(ModelJob::fileTranscribe, settings.activeMode);
     const std::string fileName = std::filesystem::path(audioPath).filename().string();
     const std::string mime = mimeType(fileName);
     const auto code = languageCode(language);
+    const std::size_t bytes = data.size();
     std::vector<FormField> fields{{"model", model, {}, {}}, {"response_format", "json", {}, {}}};
     if (code) fields.push_back({"language", *code, {}, {}});
-    fields.push_back({"file", data.str(), fileName, mime});
+    fields.push_back({"file", std::move(data), fileName, mime});
     const auto [contentType, body] = multipartBody(fields);
     report(onDebug, log(Level::info, "发送音频识别请求",
                         "endpoint: /v1/audio/transcriptions\nmodel: " + model + "\nlanguage: " + code.value_or("auto") +
-                            "\nfile: " + fileName + "\nmime: " + mime + "\nbytes: " + std::to_string(data.str().size())));
+                            "\nfile: " + fileName + "\nmime: " + mime + "\nbytes: " + std::to_string(bytes)));
     HttpRequest http;
     http.method = "POST";
-    http.url = *endpoint;
+    http.url = endpoint;
     http.headers = {{"Authorization", "Bearer " + key}, {"Content-Type", contentType}};
     http.body = body;
     http.timeoutSeconds = kTimeoutSeconds;

@@ -107,7 +107,8 @@ public:
     Call translateJapaneseToChinese(const std::string& text, const TranslatorSettings& settings,
                                     DebugHandler onDebug, Done<std::string> done);
 
-    // Multipart upload of an audio file; fails with empty_transcript on an empty text.
+    // Multipart upload of an audio file, read off the main thread first; fails with
+    // empty_transcript on an empty text.
     Call transcribe(const std::string& audioPath, const TranslatorSettings& settings, RecognitionLanguage language,
                     DebugHandler onDebug, UsageHandler onUsage, Done<std::string> done);
 
@@ -152,6 +153,9 @@ private:
     Call responses(const ResponsesRequest& request, const TranslatorSettings& settings, const std::string& operation,
                    DebugHandler onDebug, UsageHandler onUsage, Done<ResponsesResponse> done);
     Call fail(Error error, std::function<void(Error)> done);
+    Call sendTranscription(std::string data, const std::string& audioPath, const std::string& key,
+                           const std::string& endpoint, const TranslatorSettings& settings, RecognitionLanguage language,
+                           DebugHandler onDebug, UsageHandler onUsage, Done<std::string> done);
     std::optional<std::string> url(std::string_view path) const;
 
     HttpTransport& transport_;

@@ -151,6 +151,20 @@ TEST_F(Pass, AClosedSentenceIsRefinedWithTheFastModelAndFiledIntoTheLiveLog) {
                            "\n\n前文（仅供理解代词和称呼，不要翻译）：\n今日はいい天気ですね。\n\n待处理的原句：\n散歩に行きましょう。");
 }
 
+TEST_F(Pass, OutstandingWorkIsAJobUnderWayOrASentenceStillOwedAPass) {
+    host.current.repairSource = true;
+    configure();
+    say("今日はいい天気ですね。");
+    const auto config = session.routing();
+    // Held for its repair: owed, though no job runs yet.
+    EXPECT_FALSE(pass->hasTrackedWork(recordingID));
+    EXPECT_TRUE(pass->hasOutstandingTranslations(recordingID, session.snapshot().sentences(), config, scheduler.now()));
+    scheduler.advance(0.5);
+    EXPECT_TRUE(pass->hasTrackedWork(recordingID));
+    answer("今天天气真好啊。");
+    EXPECT_FALSE(pass->hasOutstandingTranslations(recordingID, session.snapshot().sentences(), config, scheduler.now()));
+}
+
 TEST_F(Pass, ASentenceOfOneCharacterGetsNoPass) {
     say("え");
     pass->dispatchPendingTranslations(recordingID);

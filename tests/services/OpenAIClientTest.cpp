@@ -285,6 +285,9 @@ TEST(OpenAIClient, TranscriptionIsAMultipartFormWithItsOwnBoundary) {
     Harness h;
     Result<std::string> heard, silent;
     auto a = h.client.transcribe(path.string(), h.settings, RecognitionLanguage::japanese, h.onDebug(), h.onUsage(), heard.done());
+    EXPECT_TRUE(h.transport.calls.empty());  // the file is read off the main thread first
+    h.scheduler.runUntilIdle();
+    ASSERT_EQ(h.transport.calls.size(), 1u);
     const HttpRequest& r = h.transport.last();
     EXPECT_EQ(r.url, "http://127.0.0.1:9/v1/audio/transcriptions");
     ASSERT_EQ(r.headers.size(), 2u);
@@ -305,11 +308,23 @@ TEST(OpenAIClient, TranscriptionIsAMultipartFormWithItsOwnBoundary) {
     EXPECT_EQ(h.usage.size(), 1u);
 
     auto c = h.client.transcribe(path.string(), h.settings, RecognitionLanguage::automatic, h.onDebug(), nullptr, silent.done());
+    h.scheduler.runUntilIdle();
     EXPECT_EQ(h.transport.last().body.find("name=\"language\""), std::string::npos);
     h.transport.reply(200, R"({"text": "  "})");
     EXPECT_EQ(silent.value->error().code, "empty_transcript");
     EXPECT_EQ(h.logs.back().code, "empty_transcript");
+
+    // Cancelled while the file is read: no request goes out.
+    Result<std::string> cancelled, unreadable;
+    auto e = h.client.transcribe(path.string(), h.settings, RecognitionLanguage::automatic, nullptr, nullptr, cancelled.done());
+    e->cancel();
+    h.scheduler.runUntilIdle();
+    EXPECT_EQ(h.transport.calls.size(), 2u);
+    EXPECT_FALSE(cancelled.value.has_value());
     std::filesystem::remove(path);
+    auto f = h.client.transcribe(path.string(), h.settings, RecognitionLanguage::automatic, nullptr, nullptr, unreadable.done());
+    h.scheduler.runUntilIdle();
+    EXPECT_EQ(unreadable.value->error().code, "recording_failed");
 
     EXPECT_EQ(OpenAIClient::mimeType("a.mp3"), "audio/mpeg");
     EXPECT_EQ(OpenAIClient::mimeType("a.wav"), "audio/wav");
