@@ -6,8 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 namespace osv {
 namespace {
@@ -67,15 +65,33 @@ Expected<void> writeFileAtomically(const std::filesystem::path& path, std::strin
 }
 
 Expected<std::string> readWholeFile(const std::filesystem::path& path) {
-    std::error_code ec;
-    if (!std::filesystem::exists(path, ec))
-        return Error{"file_missing", "文件不存在：" + path.string()};
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return Error{"file_unreadable", "无法读取文件：" + path.string()};
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    if (in.bad()) return Error{"file_unreadable", "无法读取文件：" + path.string()};
-    return buffer.str();
+    // One read into a buffer of the file's size: the recording index can be hundreds of
+    // megabytes, and a stream copy would hold it twice.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ENOENT) return Error{"file_missing", "文件不存在：" + path.string()};
+        return Error{"file_unreadable", "无法读取文件：" + path.string() + "：" + std::strerror(errno)};
+    }
+    struct stat st {};
+    std::string bytes;
+    bool ok = ::fstat(fd, &st) == 0 && !S_ISDIR(st.st_mode);
+    if (ok) {
+        bytes.resize(S_ISREG(st.st_mode) ? std::size_t(st.st_size) : 0);
+        std::size_t done = 0;
+        while (ok) {
+            if (done == bytes.size()) bytes.resize(done + 65536);  // a pipe, or a file that grew
+            const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) ok = false;
+            else if (n == 0) break;
+            else done += std::size_t(n);
+        }
+        bytes.resize(done);
+    }
+    const int savedErrno = errno;
+    ::close(fd);
+    if (!ok) return Error{"file_unreadable", "无法读取文件：" + path.string() + "：" + std::strerror(savedErrno)};
+    return bytes;
 }
 
 }  // namespace osv

@@ -25,17 +25,6 @@ bool startsWith(std::string_view s, std::string_view prefix) { return s.substr(0
 
 double finiteOrZero(double v) { return std::isfinite(v) ? v : 0.0; }
 
-// Keeps an index this build could not read under a name no save ever writes, before the
-// first save replaces it: the backup alone would be overwritten by the save after.
-std::optional<fs::path> setAside(const fs::path& index, Date now) {
-    fs::path aside = index;
-    aside += ".unreadable-" + formatDate(now, "yyyyMMdd-HHmmss");
-    if (::link(index.c_str(), aside.c_str()) == 0) return aside;
-    auto bytes = readWholeFile(index);
-    if (bytes && writeFileAtomically(aside, *bytes)) return aside;
-    return std::nullopt;
-}
-
 // Temporary files of index writes that a killed process left behind; each can be as large
 // as the index. Only old ones go: a fresh one may belong to another running copy.
 void sweepAbandonedTemporaries(const LibraryPaths& paths) {
@@ -117,7 +106,7 @@ void RecordingLibrary::loadRecordings() {
         entries = std::move(decoded->entries);
         skipped = decoded->skippedCount;
     } else if (decoded.error().code != "file_missing") {
-        const auto aside = setAside(paths_.index(), scheduler_.now());
+        const auto aside = SerialIndexWriter::setAsideUnreadable(paths_.index());
         if (hooks_.setLastError) hooks_.setLastError("读取历史记录失败：" + decoded.error().message);
         debug(DebugEvent::Level::error, "读取历史记录失败",
               decoded.error().message + (aside ? "\n原文件另存为 " + aside->filename().string() : std::string()),
@@ -329,35 +318,53 @@ void RecordingLibrary::removeFilesOf(const RecordingEntry& e) {
     if (hooks_.forgetReplayPerformance) hooks_.forgetReplayPerformance(e.id);
 }
 
-bool RecordingLibrary::removeFromList(const Uuid& id) {
-    if (id == activeRecordingID_) return false;
-    const RecordingEntry* e = find(id);
-    if (!e) return false;
-    if (selectedRecordingID_ == id && hooks_.stopPlaybackIfLoaded) hooks_.stopPlaybackIfLoaded(id);
-    if (!isPreview()) removeFilesOf(*e);
-    std::erase_if(recordings_, [&](const RecordingEntry& r) { return r.id == id; });
-    persistedLogEventCounts_.erase(id);
-    return true;
-}
+bool RecordingLibrary::deleteRecording(const Uuid& id) { return deleteRecordings({id}); }
 
-void RecordingLibrary::deleteRecording(const Uuid& id) { deleteRecordings({id}); }
-
-void RecordingLibrary::deleteRecordings(const std::vector<Uuid>& ids) {
-    const bool selectionGoes =
-        selectedRecordingID_ && std::find(ids.begin(), ids.end(), *selectedRecordingID_) != ids.end() &&
-        *selectedRecordingID_ != activeRecordingID_;
-    std::size_t removed = 0;
-    for (const Uuid& id : ids) removed += removeFromList(id) ? 1 : 0;
-    if (removed == 0) return;
-    if (selectionGoes) {
+bool RecordingLibrary::deleteRecordings(const std::vector<Uuid>& ids) {
+    // The entries leave the list and the index first; their files go only once the index
+    // without them is on disk, so a failed save loses nothing.
+    struct Removed {
+        std::size_t position;
+        RecordingEntry entry;
+        std::optional<std::size_t> loggedCount;
+    };
+    std::vector<Removed> removed;
+    for (const Uuid& id : ids) {
+        if (id == activeRecordingID_) continue;
+        auto it = std::find_if(recordings_.begin(), recordings_.end(), [&](const RecordingEntry& e) { return e.id == id; });
+        if (it == recordings_.end()) continue;
+        if (selectedRecordingID_ == id && hooks_.stopPlaybackIfLoaded) hooks_.stopPlaybackIfLoaded(id);
+        Removed r{std::size_t(it - recordings_.begin()), std::move(*it), std::nullopt};
+        if (auto count = persistedLogEventCounts_.find(id); count != persistedLogEventCounts_.end()) {
+            r.loggedCount = count->second;
+            persistedLogEventCounts_.erase(count);
+        }
+        recordings_.erase(it);
+        removed.push_back(std::move(r));
+    }
+    if (removed.empty()) return false;
+    if (!persistRecordingsNow()) {
+        for (auto r = removed.rbegin(); r != removed.rend(); ++r) {
+            if (r->loggedCount) persistedLogEventCounts_[r->entry.id] = *r->loggedCount;
+            recordings_.insert(recordings_.begin() + std::ptrdiff_t(r->position), std::move(r->entry));
+        }
+        if (hooks_.refreshCaptionColumns) hooks_.refreshCaptionColumns();
+        return false;
+    }
+    bool selectionGone = false;
+    for (const Removed& r : removed) {
+        if (!isPreview()) removeFilesOf(r.entry);
+        selectionGone = selectionGone || selectedRecordingID_ == r.entry.id;
+    }
+    if (selectionGone) {
         select(recordings_.empty() ? std::nullopt : std::optional<Uuid>(recordings_.front().id));
         if (hooks_.clearSuggestion) hooks_.clearSuggestion();
     } else if (hooks_.refreshCaptionColumns) {
         hooks_.refreshCaptionColumns();
     }
-    persistRecordingsNow();
     if (ids.size() == 1) debug(DebugEvent::Level::info, "删除录音记录", ids.front().text(), std::nullopt);
-    else debug(DebugEvent::Level::info, "批量删除录音", "count: " + std::to_string(removed), std::nullopt);
+    else debug(DebugEvent::Level::info, "批量删除录音", "count: " + std::to_string(removed.size()), std::nullopt);
+    return true;
 }
 
 std::optional<std::string> RecordingLibrary::selectedTranscriptMarkdown() const {

@@ -112,9 +112,11 @@ public:
     // The entry's log: inline, or read from transcripts/ (and kept in the entry, unsaved).
     std::optional<TranscriptEventLog> loadEventLog(const Uuid& id);
 
-    // Removes the entry and every file it owns; refused for the session on air.
-    void deleteRecording(const Uuid& id);
-    void deleteRecordings(const std::vector<Uuid>& ids);
+    // Removes the entries from the list, saves the index at once, and only then deletes
+    // every file they own. Refused for the session on air. False when nothing was deleted;
+    // when the save fails, the entries are back in the list and every file is kept.
+    bool deleteRecording(const Uuid& id);
+    bool deleteRecordings(const std::vector<Uuid>& ids);
 
     // The selected entry as Markdown; none without a selection.
     std::optional<std::string> selectedTranscriptMarkdown() const;
@@ -132,7 +134,6 @@ private:
     void reportIndexWriteFailure(const std::string& text);
     void debug(DebugEvent::Level level, std::string title, std::string details, std::optional<std::string> code);
     void removeFilesOf(const RecordingEntry& entry);
-    bool removeFromList(const Uuid& id);
     void reconcileStaleCrashNotices();
     RecordingEntry* find(const Uuid& id);
 

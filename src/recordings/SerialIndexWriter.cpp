@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "core/AtomicFile.h"
+#include "core/DateFormat.h"
 #include "recordings/RecordingEntryJson.h"
 
 namespace osv {
@@ -50,6 +51,32 @@ bool stillUnknown(const IndexElement& e, const std::unordered_set<Uuid>& newIDs,
 }
 
 }  // namespace
+
+std::optional<fs::path> SerialIndexWriter::setAsideUnreadable(const fs::path& index) {
+    struct stat st {};
+    if (::stat(index.c_str(), &st) != 0) return std::nullopt;
+    const std::string prefix = index.filename().string() + ".unreadable-";
+    const fs::path folder = index.parent_path().empty() ? fs::path(".") : index.parent_path();
+    std::error_code ec;
+    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+        struct stat other {};
+        if (it->path().filename().string().starts_with(prefix) && ::stat(it->path().c_str(), &other) == 0 &&
+            other.st_dev == st.st_dev && other.st_ino == st.st_ino)
+            return it->path();
+    }
+    const std::string stamp =
+        formatDate(Date::fromUnixSeconds(double(st.st_mtim.tv_sec)), "yyyyMMdd-HHmmss", "UTC");
+    for (int n = 0; n < 100; ++n) {
+        fs::path aside = index;
+        aside += ".unreadable-" + stamp + (n ? "-" + std::to_string(n) : std::string());
+        if (::link(index.c_str(), aside.c_str()) == 0) return aside;
+        if (errno == EEXIST) continue;
+        auto bytes = readWholeFile(index);
+        if (bytes && !fs::exists(aside, ec) && writeFileAtomically(aside, *bytes)) return aside;
+        return std::nullopt;
+    }
+    return std::nullopt;
+}
 
 std::optional<std::string> SerialIndexWriter::carryingOverUnknownEntries(std::string_view newData,
                                                                          const std::unordered_set<Uuid>& newIDs,
@@ -96,12 +123,18 @@ Expected<bool> SerialIndexWriter::write(const std::vector<RecordingEntry>& entri
             if (stillUnknown(e, newIDs, knownIDs)) carried.push_back(e);
         backupWanted = present->size > 0;
     } else if (present) {
-        // A file that cannot be read is neither carried from nor backed up.
-        if (auto bytes = IndexBytes::read(indexFile)) {
+        // Nothing this build cannot read is written over before it is kept.
+        auto bytes = IndexBytes::read(indexFile);
+        std::optional<std::vector<IndexElement>> kept;
+        if (bytes) {
             presentBytes = std::move(*bytes);
-            if (auto kept = unknownIndexElements(*presentBytes, newIDs, knownIDs)) carried = std::move(*kept);
-            backupWanted = !presentBytes->view().empty();
+            kept = unknownIndexElements(*presentBytes, newIDs, knownIDs);
         }
+        if (kept) carried = std::move(*kept);
+        else if (!(presentBytes && presentBytes->view().empty()) && !setAsideUnreadable(indexFile))
+            return Error{"recording_index_write_failed",
+                         "无法保留读不出来的 " + indexFile.filename().string() + "，未保存"};
+        backupWanted = !(presentBytes && presentBytes->view().empty());
     }
     if (!carried.empty()) data = withElements(data, carried);
 

@@ -17,8 +17,6 @@
 
 namespace osv {
 
-
-
 // Any thread; writes are serialised by the lock.
 class SerialIndexWriter {
 public:
@@ -26,8 +24,9 @@ public:
     // already on disk; otherwise encodes `entries` in the index's form (`filedLogs`: the
     // ids whose logs are filed), carries over what the present file holds that this build
     // does not write, keeps the present file as "<index>.bak" and replaces the index
-    // atomically (returns true). A failed backup aborts the save and leaves the index as
-    // it was. Error code "recording_index_write_failed".
+    // atomically (returns true). A present file that cannot be read, or is no JSON array,
+    // is set aside first. A failed backup or set-aside aborts the save and leaves the index
+    // as it was. Error code "recording_index_write_failed".
     Expected<bool> write(const std::vector<RecordingEntry>& entries, const std::unordered_set<Uuid>& filedLogs,
                          std::uint64_t generation, const std::filesystem::path& indexFile,
                          const std::unordered_set<Uuid>& knownIDs);
@@ -42,6 +41,12 @@ public:
                                                                  const std::unordered_set<Uuid>& knownIDs);
 
     std::uint64_t lastWrittenGeneration() const;
+
+    // Keeps an index this build cannot read under a name no save ever writes,
+    // "<index>.unreadable-<its modification time>", as a hard link (a copy where links are
+    // refused). The backup alone would not do: the save after next overwrites it. A file
+    // already kept so is not kept twice. None when it could not be kept.
+    static std::optional<std::filesystem::path> setAsideUnreadable(const std::filesystem::path& index);
 
 private:
     // The index as this writer last left it. While the file on disk is still that one, its

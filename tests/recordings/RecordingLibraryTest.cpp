@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <filesystem>
 
 #include "core/AtomicFile.h"
@@ -289,6 +293,97 @@ TEST_F(RecordingLibraryTest, AnIndexThatCannotBeReadIsSetAsideBeforeAnySaveRepla
         if (f.path().filename().string().starts_with("recordings.json.unreadable-"))
             setAside = *readWholeFile(f.path()) == damaged;
     EXPECT_TRUE(setAside);
+}
+
+std::vector<fs::path> setAsideFiles(const fs::path& dir) {
+    std::vector<fs::path> out;
+    for (const auto& f : fs::directory_iterator(dir))
+        if (f.path().filename().string().starts_with("recordings.json.unreadable-")) out.push_back(f.path());
+    return out;
+}
+
+TEST_F(RecordingLibraryTest, AnIndexDamagedAfterLoadingIsKeptBeforeASaveReplacesIt) {
+    auto library = open();
+    library->insertRecording(entry("甲", 1));
+    ASSERT_TRUE(library->persistRecordingsNow());
+    // Something else left a file this build cannot read in its place.
+    const std::string damaged = "[{\"id\":\"11111111-1111-4111-8111-111111111111\",\"title\":";
+    ASSERT_TRUE(writeFileAtomically(dir / "recordings.json", damaged));
+    library->renameRecording(library->recordings()[0].id, "乙");
+    ASSERT_TRUE(library->persistRecordingsNow());
+    ASSERT_TRUE(library->persistRecordingsNow());
+    ASSERT_TRUE(library->persistRecordingsNow());  // the backup no longer holds it
+    const auto kept = setAsideFiles(dir);
+    ASSERT_EQ(kept.size(), 1u);
+    EXPECT_EQ(*readWholeFile(kept[0]), damaged);
+    EXPECT_EQ(indexOnDisk()[0]["title"], "乙");
+}
+
+// Runs `f` in a child process that cannot read files it has no permission for (as root,
+// that takes another user, who then owns the folder and, with `ownIndex`, the index too);
+// the child's exit status is what `f` returns.
+int asUnprivileged(const fs::path& dir, bool ownIndex, const std::function<int()>& f) {
+    const pid_t child = fork();
+    if (child == 0) {
+        if (geteuid() == 0) {
+            if (::chown(dir.c_str(), 65534, 65534) != 0) _exit(100);
+            if (ownIndex && ::chown((dir / "recordings.json").c_str(), 65534, 65534) != 0) _exit(100);
+            if (::setgid(65534) != 0 || ::setuid(65534) != 0) _exit(100);
+        }
+        _exit(f());
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 101;
+}
+
+TEST_F(RecordingLibraryTest, AnIndexThatCannotBeReadIsNeverReplacedWithoutBeingKept) {
+    const std::string original = encodeRecordingEntries({entry("读不到", 1)});
+    auto saveNew = [&] {
+        SerialIndexWriter writer;
+        auto written = writer.write({entry("新", 2)}, {}, 1, dir / "recordings.json", {});
+        if (written && *written) return 0;
+        return !written && written.error().code == "recording_index_write_failed" ? 1 : 2;
+    };
+    ASSERT_TRUE(writeFileAtomically(dir / "recordings.json", original));
+    ::chmod((dir / "recordings.json").c_str(), 0);
+    // Its owner can still link a file it cannot read: it is kept, then replaced.
+    ASSERT_EQ(asUnprivileged(dir, true, saveNew), 0);
+    const auto kept = setAsideFiles(dir);
+    ASSERT_EQ(kept.size(), 1u);
+    EXPECT_EQ(*readWholeFile(kept[0]), original);
+    EXPECT_EQ(indexOnDisk()[0]["title"], "新");
+
+    // Another user's file can be neither read nor linked (protected hard links): the save
+    // fails and the file stays.
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to make a file of another user";
+    fs::remove(kept[0]);
+    ASSERT_TRUE(writeFileAtomically(dir / "recordings.json", original));
+    ::chmod((dir / "recordings.json").c_str(), 0);
+    EXPECT_EQ(asUnprivileged(dir, false, saveNew), 1);
+    EXPECT_EQ(*readWholeFile(dir / "recordings.json"), original);
+    EXPECT_TRUE(setAsideFiles(dir).empty());
+}
+
+TEST_F(RecordingLibraryTest, FilesAreDeletedOnlyAfterTheIndexWithoutTheEntryIsSaved) {
+    auto library = open();
+    RecordingEntry gone = entry("删", 1);
+    gone.relativeAudioPath = "Recordings/" + gone.id.text() + ".m4a";
+    library->insertRecording(gone);
+    ASSERT_TRUE(library->persistRecordingsNow());
+    ASSERT_TRUE(writeFileAtomically(dir / *gone.relativeAudioPath, "audio"));
+    fs::remove(dir / "recordings.json.bak");
+    fs::create_directories(dir / "recordings.json.bak" / "blocked");  // the save will fail
+
+    EXPECT_FALSE(library->deleteRecording(gone.id));
+    EXPECT_TRUE(fs::exists(dir / *gone.relativeAudioPath));
+    ASSERT_NE(library->recording(gone.id), nullptr);  // still listed, as the index still holds it
+    EXPECT_EQ(indexOnDisk().size(), 1u);
+
+    fs::remove_all(dir / "recordings.json.bak");
+    EXPECT_TRUE(library->deleteRecording(gone.id));
+    EXPECT_FALSE(fs::exists(dir / *gone.relativeAudioPath));
+    EXPECT_EQ(indexOnDisk().size(), 0u);
 }
 
 TEST_F(RecordingLibraryTest, ThePreviewShowsItsEntryAndTouchesNoFile) {
