@@ -61,7 +61,10 @@ RecordingEntry* RecordingLibrary::find(const Uuid& id) {
 }
 
 const RecordingEntry* RecordingLibrary::recording(const Uuid& id) const {
-    return const_cast<RecordingLibrary*>(this)->find(id);
+    // Decoding on first use changes how the entry is held, not what it is.
+    RecordingEntry* e = const_cast<RecordingLibrary*>(this)->find(id);
+    if (e) e->decodeTranscript();
+    return e;
 }
 
 const RecordingEntry* RecordingLibrary::selectedRecording() const {
@@ -99,12 +102,18 @@ void RecordingLibrary::loadRecordings() {
     // 3. A missing index is a first launch; an unreadable one is reported and kept.
     std::vector<RecordingEntry> entries;
     std::size_t skipped = 0;
-    auto bytes = IndexBytes::read(paths_.index());
+    const auto identity = SerialIndexWriter::identify(paths_.index());
+    auto bytes = readWholeFile(paths_.index());
     Expected<LossyRecordingEntryList> decoded =
-        bytes ? decodeRecordingEntryList(*bytes, scheduler_.now()) : Expected<LossyRecordingEntryList>(bytes.error());
+        bytes ? decodeRecordingEntryList(std::make_shared<const std::string>(std::move(*bytes)), scheduler_.now())
+              : Expected<LossyRecordingEntryList>(bytes.error());
     if (decoded) {
         entries = std::move(decoded->entries);
         skipped = decoded->skippedCount;
+        // The first save need not read the file again to know what to carry over, unless it
+        // changed while it was read.
+        if (identity && identity == SerialIndexWriter::identify(paths_.index()))
+            indexWriter_->rememberLoadedIndex(*identity, std::move(decoded->unreadable));
     } else if (decoded.error().code != "file_missing") {
         const auto aside = SerialIndexWriter::setAsideUnreadable(paths_.index());
         if (hooks_.setLastError) hooks_.setLastError("读取历史记录失败：" + decoded.error().message);
@@ -114,7 +123,12 @@ void RecordingLibrary::loadRecordings() {
     }
 
     // 4.
-    if (recovery_.settleInterruptedRecordings) recovery_.settleInterruptedRecordings(entries);
+    if (recovery_.settleInterruptedRecordings) {
+        // The sessions it settles are those cut off while recording; they are used whole.
+        for (RecordingEntry& e : entries)
+            if (e.status == RecordingStatus::recording) e.decodeTranscript();
+        recovery_.settleInterruptedRecordings(entries);
+    }
     relabelPlaceholderTitles(entries, options_.timeZone);
     std::stable_sort(entries.begin(), entries.end(),
                      [](const RecordingEntry& a, const RecordingEntry& b) { return a.createdAt > b.createdAt; });
@@ -163,14 +177,68 @@ void RecordingLibrary::reconcileStaleCrashNotices() {
 
 void RecordingLibrary::insertRecording(RecordingEntry entry) { recordings_.insert(recordings_.begin(), std::move(entry)); }
 
+namespace {
+
+// Everything of an entry but its transcript (segments, the text derived from them, and
+// the time of the change), to tell a change of the transcript alone from any other.
+struct BesidesTranscript {
+    RecordingEntry rest;
+    std::optional<std::size_t> logSize;
+
+    explicit BesidesTranscript(RecordingEntry& e) {
+        std::vector<TranscriptSegment> segments;
+        std::string source, translation;
+        std::optional<TranscriptEventLog> log;
+        segments.swap(e.segments);
+        source.swap(e.sourceText);
+        translation.swap(e.translatedText);
+        log.swap(e.eventLog);
+        rest = e;  // cheap without the bulky parts
+        segments.swap(e.segments);
+        source.swap(e.sourceText);
+        translation.swap(e.translatedText);
+        log.swap(e.eventLog);
+        if (e.eventLog) logSize = e.eventLog->size();
+        rest.segmentCount = 0;
+        rest.updatedAt = Date();
+    }
+    bool operator==(const BesidesTranscript&) const = default;
+};
+
+}  // namespace
+
 void RecordingLibrary::updateRecording(const Uuid& id, bool persist, const std::function<void(RecordingEntry&)>& mutate) {
     RecordingEntry* e = find(id);
     if (!e) return;
+    e->decodeTranscript();
+    std::optional<BesidesTranscript> before;
+    if (persist && id == activeRecordingID_) before.emplace(*e);
     mutate(*e);
     if (e->mode == SessionLabel::record && selectedRecordingID_ == id && hooks_.dropCaptionCache)
         hooks_.dropCaptionCache(id);
     if (hooks_.refreshCaptionColumns) hooks_.refreshCaptionColumns();
-    if (persist) scheduleSaveRecordings();
+    if (!persist) return;
+    // The journal holds the transcript of the session on air as it happens, so saving it
+    // can wait; anything else cannot.
+    if (before && *before == BesidesTranscript(*e)) scheduleOnAirTranscriptSave();
+    else scheduleSaveRecordings();
+}
+
+void RecordingLibrary::setActiveRecordingID(const std::optional<Uuid>& id) {
+    activeRecordingID_ = id;
+    // Off air, a waiting transcript saves as any change does.
+    if (!id && pendingTranscriptSaveTask_.isPending()) {
+        pendingTranscriptSaveTask_.cancel();
+        scheduleSaveRecordings();
+    }
+}
+
+void RecordingLibrary::scheduleOnAirTranscriptSave() {
+    if (pendingSaveTask_.isPending() || pendingTranscriptSaveTask_.isPending()) return;
+    pendingTranscriptSaveTask_ = scheduler_.after(options_.onAirTranscriptSaveDelaySeconds, [this, guard = lifetime_.guard()] {
+        if (guard.expired()) return;
+        saveRecordings();
+    });
 }
 
 void RecordingLibrary::renameRecording(const Uuid& id, std::string_view to) {
@@ -210,6 +278,7 @@ RecordingLibrary::Prepared RecordingLibrary::prepareSave() {
 
 void RecordingLibrary::saveRecordings() {
     pendingSaveTask_.cancel();
+    pendingTranscriptSaveTask_.cancel();
     if (isPreview()) return;
     auto prepared = std::make_shared<Prepared>(prepareSave());
     // The background write sees a copy: the list goes on changing here.
@@ -227,6 +296,7 @@ void RecordingLibrary::saveRecordings() {
 bool RecordingLibrary::persistRecordingsNow() {
     if (isPreview()) return true;
     pendingSaveTask_.cancel();
+    pendingTranscriptSaveTask_.cancel();
     Prepared p = prepareSave();
     auto result = indexWriter_->write(recordings_, p.filedLogs, p.generation, paths_.index(), p.known);
     if (!result) {
@@ -247,6 +317,7 @@ std::vector<RecordingEntry> RecordingLibrary::indexSnapshot() {
     snapshot.reserve(recordings_.size());
     for (const RecordingEntry& e : recordings_) {
         RecordingEntry& copy = snapshot.emplace_back(e);
+        copy.decodeTranscript();
         if (copy.eventLog) {
             if (flushed.contains(copy.id)) copy.eventLog.reset();
             else copy.eventLog = copy.eventLog->compacted();

@@ -19,31 +19,31 @@ namespace fs = std::filesystem;
 // hundreds of megabytes: the index is only ever replaced by rename, never rewritten in
 // place, so the linked inode keeps the old bytes. Where links are refused, the bytes are
 // copied.
-Expected<void> keepBackup(const fs::path& index, const fs::path& backup, const IndexBytes* present) {
+Expected<void> keepBackup(const fs::path& index, const fs::path& backup, const std::string* present) {
     const fs::path temporary = backup.string() + ".link";
     ::unlink(temporary.c_str());
     if (::link(index.c_str(), temporary.c_str()) == 0) {
         if (::rename(temporary.c_str(), backup.c_str()) == 0) return {};
         ::unlink(temporary.c_str());
     }
-    if (present) return writeFileAtomically(backup, present->view());
-    auto bytes = IndexBytes::read(index);
+    if (present) return writeFileAtomically(backup, *present);
+    auto bytes = readWholeFile(index);
     if (!bytes) return bytes.error();
-    return writeFileAtomically(backup, bytes->view());
+    return writeFileAtomically(backup, *bytes);
 }
 
-std::string withElements(std::string_view newData, const std::vector<IndexElement>& elements) {
-    std::string out;
-    out.reserve(newData.size() + 2);
-    out.append(newData.substr(0, newData.size() - 1));
-    bool first = newData.size() == 2;
+// Appends the elements inside the closing bracket of `data`, in place: the data can be
+// hundreds of megabytes.
+void appendElements(std::string& data, const std::vector<IndexElement>& elements) {
+    if (elements.empty()) return;
+    bool first = data.size() == 2;
+    data.pop_back();
     for (const IndexElement& element : elements) {
-        if (!first) out.push_back(',');
-        out.append(element.json);
+        if (!first) data.push_back(',');
+        data.append(element.json);
         first = false;
     }
-    out.push_back(']');
-    return out;
+    data.push_back(']');
 }
 
 bool stillUnknown(const IndexElement& e, const std::unordered_set<Uuid>& newIDs, const std::unordered_set<Uuid>& known) {
@@ -80,23 +80,31 @@ std::optional<fs::path> SerialIndexWriter::setAsideUnreadable(const fs::path& in
 
 std::optional<std::string> SerialIndexWriter::carryingOverUnknownEntries(std::string_view newData,
                                                                          const std::unordered_set<Uuid>& newIDs,
-                                                                         const IndexBytes& file,
+                                                                         const std::shared_ptr<const std::string>& file,
                                                                          const std::unordered_set<Uuid>& knownIDs) {
     if (newData.size() < 2 || newData.front() != '[' || newData.back() != ']') return std::nullopt;
     auto kept = unknownIndexElements(file, newIDs, knownIDs);
     if (!kept || kept->empty()) return std::nullopt;
-    return withElements(newData, *kept);
+    std::string out(newData);
+    appendElements(out, *kept);
+    return out;
 }
 
-std::optional<SerialIndexWriter::Written> SerialIndexWriter::identify(const fs::path& file) {
+std::optional<SerialIndexWriter::FileIdentity> SerialIndexWriter::identify(const fs::path& file) {
     struct stat st {};
     if (::stat(file.c_str(), &st) != 0) return std::nullopt;
-    Written w;
-    w.device = st.st_dev;
-    w.inode = st.st_ino;
-    w.size = std::uintmax_t(st.st_size);
-    w.modifiedNanoseconds = std::int64_t(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec;
-    return w;
+    FileIdentity id;
+    id.device = st.st_dev;
+    id.inode = st.st_ino;
+    id.size = std::uintmax_t(st.st_size);
+    id.modifiedNanoseconds = std::int64_t(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec;
+    return id;
+}
+
+void SerialIndexWriter::rememberLoadedIndex(const FileIdentity& file, std::vector<IndexElement> unreadable) {
+    std::lock_guard<std::mutex> guard(lock_);
+    lastWritten_ = Written{file, std::move(unreadable)};
+    lastSize_ = file.size;
 }
 
 Expected<bool> SerialIndexWriter::write(const std::vector<RecordingEntry>& entries,
@@ -112,43 +120,44 @@ Expected<bool> SerialIndexWriter::write(const std::vector<RecordingEntry>& entri
     for (const RecordingEntry& e : entries) newIDs.insert(e.id);
 
     // What the present file holds that this build does not write. When the file is still
-    // the one this writer left, that is what it carried then; otherwise the file is read.
+    // the one this writer left or loaded, that is what it carried then; otherwise the file
+    // is read.
     std::vector<IndexElement> carried;
-    const std::optional<Written> present = identify(indexFile);
-    std::optional<IndexBytes> presentBytes;
+    const std::optional<FileIdentity> present = identify(indexFile);
+    std::shared_ptr<const std::string> presentBytes;
     bool backupWanted = false;
-    if (present && lastWritten_ && present->device == lastWritten_->device && present->inode == lastWritten_->inode &&
-        present->size == lastWritten_->size && present->modifiedNanoseconds == lastWritten_->modifiedNanoseconds) {
+    if (present && lastWritten_ && *present == lastWritten_->file) {
         for (const IndexElement& e : lastWritten_->carried)
             if (stillUnknown(e, newIDs, knownIDs)) carried.push_back(e);
         backupWanted = present->size > 0;
     } else if (present) {
         // Nothing this build cannot read is written over before it is kept.
-        auto bytes = IndexBytes::read(indexFile);
+        auto bytes = readWholeFile(indexFile);
         std::optional<std::vector<IndexElement>> kept;
         if (bytes) {
-            presentBytes = std::move(*bytes);
-            kept = unknownIndexElements(*presentBytes, newIDs, knownIDs);
+            presentBytes = std::make_shared<const std::string>(std::move(*bytes));
+            kept = unknownIndexElements(presentBytes, newIDs, knownIDs);
         }
+        const bool empty = presentBytes && presentBytes->empty();
         if (kept) carried = std::move(*kept);
-        else if (!(presentBytes && presentBytes->view().empty()) && !setAsideUnreadable(indexFile))
+        else if (!empty && !setAsideUnreadable(indexFile))
             return Error{"recording_index_write_failed",
                          "无法保留读不出来的 " + indexFile.filename().string() + "，未保存"};
-        backupWanted = !(presentBytes && presentBytes->view().empty());
+        backupWanted = !empty;
     }
-    if (!carried.empty()) data = withElements(data, carried);
+    appendElements(data, carried);
 
     if (backupWanted) {
         fs::path backup = indexFile;
         backup += ".bak";
-        if (auto kept = keepBackup(indexFile, backup, presentBytes ? &*presentBytes : nullptr); !kept)
+        if (auto kept = keepBackup(indexFile, backup, presentBytes.get()); !kept)
             return Error{"recording_index_write_failed", kept.error().message};
     }
     if (auto written = writeFileAtomically(indexFile, data); !written)
         return Error{"recording_index_write_failed", written.error().message};
     lastSize_ = data.size();
-    lastWritten_ = identify(indexFile);
-    if (lastWritten_) lastWritten_->carried = std::move(carried);
+    lastWritten_.reset();
+    if (auto written = identify(indexFile)) lastWritten_ = Written{*written, std::move(carried)};
     return true;
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -37,8 +38,20 @@ public:
     // be kept or the file is no JSON array (the new data then stands).
     static std::optional<std::string> carryingOverUnknownEntries(std::string_view newData,
                                                                  const std::unordered_set<Uuid>& newIDs,
-                                                                 const IndexBytes& file,
+                                                                 const std::shared_ptr<const std::string>& file,
                                                                  const std::unordered_set<Uuid>& knownIDs);
+
+    // Which file an index is: a save that finds the file it wrote or loaded last need not
+    // read it again.
+    struct FileIdentity {
+        std::uintmax_t device = 0, inode = 0, size = 0;
+        std::int64_t modifiedNanoseconds = 0;
+        bool operator==(const FileIdentity&) const = default;
+    };
+    static std::optional<FileIdentity> identify(const std::filesystem::path& file);
+    // The index as loaded (`file` is what identify() said before it was read) and the
+    // elements of it this build could not read, which every save carries over.
+    void rememberLoadedIndex(const FileIdentity& file, std::vector<IndexElement> unreadable);
 
     std::uint64_t lastWrittenGeneration() const;
 
@@ -49,14 +62,13 @@ public:
     static std::optional<std::filesystem::path> setAsideUnreadable(const std::filesystem::path& index);
 
 private:
-    // The index as this writer last left it. While the file on disk is still that one, its
-    // elements are known without reading it: this writer's entries and what it carried.
+    // The index as this writer last left it (or loaded it). While the file on disk is still
+    // that one, its elements are known without reading it: the entries written and what
+    // was carried.
     struct Written {
-        std::uintmax_t device = 0, inode = 0, size = 0;
-        std::int64_t modifiedNanoseconds = 0;
+        FileIdentity file;
         std::vector<IndexElement> carried;
     };
-    static std::optional<Written> identify(const std::filesystem::path& file);
 
     mutable std::mutex lock_;
     std::uint64_t lastWrittenGeneration_ = 0;

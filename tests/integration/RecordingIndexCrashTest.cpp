@@ -13,6 +13,7 @@
 #include <random>
 #include <thread>
 
+#include "core/AtomicFile.h"
 #include "core/ManualScheduler.h"
 #include "recordings/RecordingEntryJson.h"
 #include "recordings/RecordingLibrary.h"
@@ -87,7 +88,7 @@ TEST(RecordingIndexCrash, AWriterKilledAtRandomMomentsAlwaysLeavesAReadableIndex
         ::waitpid(child, &status, 0);
         ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself, status " << status;
 
-        auto bytes = IndexBytes::read(dir / "recordings.json");
+        auto bytes = readWholeFile(dir / "recordings.json");
         ASSERT_TRUE(bytes) << "kill " << kill;
         auto list = decodeRecordingEntryList(*bytes, Date(0));
         ASSERT_TRUE(list) << "kill " << kill << ": " << list.error().message;
