@@ -1,11 +1,17 @@
 #include "core/AtomicFile.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <cstring>
+#include <vector>
 
 namespace osv {
 namespace {
@@ -28,7 +34,48 @@ bool writeAllToDescriptor(int fd, std::string_view data) {
     return true;
 }
 
+namespace {
+
+// All of `pieces`, in order, with as few system calls as the kernel allows.
+bool writePiecesToDescriptor(int fd, std::span<const std::string_view> pieces) {
+    std::vector<iovec> vectors;
+    vectors.reserve(std::min<std::size_t>(pieces.size(), IOV_MAX));
+    std::size_t next = 0;
+    std::size_t offset = 0;  // into pieces[next], after a short write
+    while (next < pieces.size()) {
+        vectors.clear();
+        for (std::size_t i = next; i < pieces.size() && vectors.size() < IOV_MAX; ++i) {
+            const std::string_view piece = i == next ? pieces[i].substr(offset) : pieces[i];
+            if (!piece.empty()) vectors.push_back({const_cast<char*>(piece.data()), piece.size()});
+        }
+        if (vectors.empty()) return true;
+        ssize_t n = ::writev(fd, vectors.data(), int(vectors.size()));
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        while (next < pieces.size() && n >= 0) {
+            const std::size_t left = pieces[next].size() - offset;
+            if (std::size_t(n) < left) {
+                offset += std::size_t(n);
+                break;
+            }
+            n -= ssize_t(left);
+            ++next;
+            offset = 0;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
 Expected<void> writeFileAtomically(const std::filesystem::path& path, std::string_view data,
+                                   unsigned permissions) {
+    return writeFileAtomically(path, std::span<const std::string_view>(&data, 1), permissions);
+}
+
+Expected<void> writeFileAtomically(const std::filesystem::path& path, std::span<const std::string_view> pieces,
                                    unsigned permissions) {
     std::error_code ec;
     const auto parent = path.parent_path().empty() ? std::filesystem::path(".") : path.parent_path();
@@ -43,7 +90,7 @@ Expected<void> writeFileAtomically(const std::filesystem::path& path, std::strin
     if (fd < 0) return writeError(path, std::strerror(errno));
     // mkstemp creates 0600; set the mode before any byte is written.
     ::fchmod(fd, static_cast<mode_t>(permissions));
-    const bool written = writeAllToDescriptor(fd, data) && ::fsync(fd) == 0;
+    const bool written = writePiecesToDescriptor(fd, pieces) && ::fsync(fd) == 0;
     const int savedErrno = errno;
     ::close(fd);
     if (!written) {
@@ -76,7 +123,17 @@ Expected<std::string> readWholeFile(const std::filesystem::path& path) {
     std::string bytes;
     bool ok = ::fstat(fd, &st) == 0 && !S_ISDIR(st.st_mode);
     if (ok) {
-        bytes.resize(S_ISREG(st.st_mode) ? std::size_t(st.st_size) : 0);
+        const std::size_t size = S_ISREG(st.st_mode) ? std::size_t(st.st_size) : 0;
+        bytes.reserve(size);
+        // Fresh memory of this size costs a page fault per 4 KiB page, more than the copy
+        // itself; huge pages make that a few hundred faults.
+        constexpr std::size_t kHugePage = std::size_t(2) << 20;
+        if (size >= 4 * kHugePage) {
+            const auto start = (reinterpret_cast<std::uintptr_t>(bytes.data()) + kHugePage - 1) & ~(kHugePage - 1);
+            const auto end = (reinterpret_cast<std::uintptr_t>(bytes.data()) + size) & ~(kHugePage - 1);
+            if (end > start) ::madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);
+        }
+        bytes.resize(size);
         std::size_t done = 0;
         while (ok) {
             if (done == bytes.size()) bytes.resize(done + 65536);  // a pipe, or a file that grew

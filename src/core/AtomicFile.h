@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,10 @@ namespace osv {
 // the parent folder if needed. `permissions` are the new file's mode (0600 for secrets).
 // Error codes: "atomic_write_failed".
 Expected<void> writeFileAtomically(const std::filesystem::path& path, std::string_view data,
+                                   unsigned permissions = 0644);
+// The same for a file made of `pieces`, written in order without joining them first (the
+// recording index writes back most of itself from the text it read).
+Expected<void> writeFileAtomically(const std::filesystem::path& path, std::span<const std::string_view> pieces,
                                    unsigned permissions = 0644);
 
 // Writes all of `data` to an open file descriptor, retrying short and interrupted writes.

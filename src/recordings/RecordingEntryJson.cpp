@@ -721,7 +721,55 @@ std::optional<RecordingEntry> decodeRecordingEntry(std::string_view json, Date n
     return entry(root, now);
 }
 
+namespace {
+
+// Writes an entry; with `pieces`, a transcript kept as read is referred to, not copied.
+void writeEntry(JsonWriter& w, const RecordingEntry& r, const std::unordered_set<Uuid>* filedLogs, EncodedIndex* pieces);
+
+}  // namespace
+
 void writeRecordingEntry(JsonWriter& w, const RecordingEntry& r, const std::unordered_set<Uuid>* filedLogs) {
+    writeEntry(w, r, filedLogs, nullptr);
+}
+
+void EncodedIndex::keep(std::string_view text) {
+    if (text_.size() > cut_) pieces_.push_back({true, cut_, text_.size() - cut_, {}});
+    pieces_.push_back({false, 0, 0, text});
+    cut_ = text_.size();
+    size_ += text.size();
+}
+
+std::vector<std::string_view> EncodedIndex::pieces() const {
+    std::vector<std::string_view> out;
+    out.reserve(pieces_.size() + 1);
+    for (const Piece& p : pieces_) out.push_back(p.written ? std::string_view(text_).substr(p.offset, p.length) : p.kept);
+    if (text_.size() > cut_) out.push_back(std::string_view(text_).substr(cut_));
+    return out;
+}
+
+std::size_t EncodedIndex::size() const { return size_ + text_.size(); }
+
+std::string EncodedIndex::joined() const {
+    std::string out;
+    out.reserve(size());
+    for (std::string_view p : pieces()) out.append(p);
+    return out;
+}
+
+EncodedIndex encodeRecordingIndex(const std::vector<RecordingEntry>& entries, const std::unordered_set<Uuid>* filedLogs,
+                                  const std::vector<IndexElement>& carried) {
+    EncodedIndex index;
+    JsonWriter w(index.text());
+    w.beginArray();
+    for (const RecordingEntry& e : entries) writeEntry(w, e, filedLogs, &index);
+    for (const IndexElement& element : carried) w.raw(element.json);
+    w.endArray();
+    return index;
+}
+
+namespace {
+
+void writeEntry(JsonWriter& w, const RecordingEntry& r, const std::unordered_set<Uuid>* filedLogs, EncodedIndex* pieces) {
     w.beginObject();
     w.key("id");
     w.uuid(r.id);
@@ -782,12 +830,15 @@ void writeRecordingEntry(JsonWriter& w, const RecordingEntry& r, const std::unor
     writeOptional(w, "relativeAudioPath", r.relativeAudioPath);
     if (const EncodedTranscript* encoded = r.encodedTranscript.text.get()) {
         // Exactly the text this build would write for it, as it was read.
-        w.key("sourceText");
-        w.raw(encoded->sourceText);
-        w.key("translatedText");
-        w.raw(encoded->translatedText);
-        w.key("segments");
-        w.raw(encoded->segments);
+        auto kept = [&](std::string_view key, std::string_view text) {
+            w.key(key);
+            if (!pieces) return w.raw(text);
+            pieces->keep(text);
+            w.raw("");  // the value is in place: what follows needs its comma
+        };
+        kept("sourceText", encoded->sourceText);
+        kept("translatedText", encoded->translatedText);
+        kept("segments", encoded->segments);
     } else {
         w.key("sourceText");
         w.string(r.sourceText);
@@ -831,15 +882,10 @@ void writeRecordingEntry(JsonWriter& w, const RecordingEntry& r, const std::unor
     w.endObject();
 }
 
-std::string encodeRecordingEntries(const std::vector<RecordingEntry>& entries, const std::unordered_set<Uuid>* filedLogs,
-                                   std::size_t sizeHint) {
-    std::string out;
-    out.reserve(sizeHint);
-    JsonWriter w(out);
-    w.beginArray();
-    for (const RecordingEntry& e : entries) writeRecordingEntry(w, e, filedLogs);
-    w.endArray();
-    return out;
+}  // namespace
+
+std::string encodeRecordingEntries(const std::vector<RecordingEntry>& entries, const std::unordered_set<Uuid>* filedLogs) {
+    return encodeRecordingIndex(entries, filedLogs, {}).joined();
 }
 
 Uuid derivedRecordingID(std::string_view minified) {

@@ -45,11 +45,40 @@ Expected<LossyRecordingEntryList> decodeRecordingEntryList(std::string_view byte
 // One entry, decoded whole; none when the text is no JSON object.
 std::optional<RecordingEntry> decodeRecordingEntry(std::string_view json, Date now);
 
+// An encoded index as the pieces of its text, in order: what this build wrote, and the
+// transcripts kept as they were read, referred to rather than copied, so a save of a long
+// history copies little more than what changed. The pieces stay valid while this and the
+// encoded entries live.
+class EncodedIndex {
+public:
+    std::vector<std::string_view> pieces() const;
+    std::size_t size() const;
+    std::string joined() const;
+
+    // For the encoder: the text it writes into, and a kept text that follows what is
+    // written so far.
+    std::string& text() { return text_; }
+    void keep(std::string_view text);
+
+private:
+    struct Piece {
+        bool written;  // a stretch of text_, or a kept text
+        std::size_t offset, length;
+        std::string_view kept;
+    };
+    std::string text_;
+    std::vector<Piece> pieces_;
+    std::size_t cut_ = 0;   // where the stretch of text_ not yet in pieces_ begins
+    std::size_t size_ = 0;  // of the kept texts
+};
+
 // With `filedLogs`, the form the index stores: the inline log is left out for the ids in
 // it and compacted for the rest. Numbers that are not finite are written as 0 (JSON
-// cannot hold them). `sizeHint` reserves the output, e.g. the size of the last save.
+// cannot hold them). `carried` follows the entries.
+EncodedIndex encodeRecordingIndex(const std::vector<RecordingEntry>& entries, const std::unordered_set<Uuid>* filedLogs,
+                                  const std::vector<IndexElement>& carried);
 std::string encodeRecordingEntries(const std::vector<RecordingEntry>& entries,
-                                   const std::unordered_set<Uuid>* filedLogs = nullptr, std::size_t sizeHint = 0);
+                                   const std::unordered_set<Uuid>* filedLogs = nullptr);
 void writeRecordingEntry(JsonWriter& w, const RecordingEntry& entry, const std::unordered_set<Uuid>* filedLogs = nullptr);
 
 // An element of a stored index that has no usable "id" is given one derived from its

@@ -104,7 +104,6 @@ std::optional<SerialIndexWriter::FileIdentity> SerialIndexWriter::identify(const
 void SerialIndexWriter::rememberLoadedIndex(const FileIdentity& file, std::vector<IndexElement> unreadable) {
     std::lock_guard<std::mutex> guard(lock_);
     lastWritten_ = Written{file, std::move(unreadable)};
-    lastSize_ = file.size;
 }
 
 Expected<bool> SerialIndexWriter::write(const std::vector<RecordingEntry>& entries,
@@ -114,7 +113,6 @@ Expected<bool> SerialIndexWriter::write(const std::vector<RecordingEntry>& entri
     if (lastWrittenGeneration_ >= generation) return false;
     lastWrittenGeneration_ = generation;
 
-    std::string data = encodeRecordingEntries(entries, &filedLogs, lastSize_ + lastSize_ / 8);
     std::unordered_set<Uuid> newIDs;
     newIDs.reserve(entries.size());
     for (const RecordingEntry& e : entries) newIDs.insert(e.id);
@@ -145,7 +143,7 @@ Expected<bool> SerialIndexWriter::write(const std::vector<RecordingEntry>& entri
                          "无法保留读不出来的 " + indexFile.filename().string() + "，未保存"};
         backupWanted = !empty;
     }
-    appendElements(data, carried);
+    const EncodedIndex data = encodeRecordingIndex(entries, &filedLogs, carried);
 
     if (backupWanted) {
         fs::path backup = indexFile;
@@ -153,9 +151,8 @@ Expected<bool> SerialIndexWriter::write(const std::vector<RecordingEntry>& entri
         if (auto kept = keepBackup(indexFile, backup, presentBytes.get()); !kept)
             return Error{"recording_index_write_failed", kept.error().message};
     }
-    if (auto written = writeFileAtomically(indexFile, data); !written)
+    if (auto written = writeFileAtomically(indexFile, data.pieces()); !written)
         return Error{"recording_index_write_failed", written.error().message};
-    lastSize_ = data.size();
     lastWritten_.reset();
     if (auto written = identify(indexFile)) lastWritten_ = Written{*written, std::move(carried)};
     return true;

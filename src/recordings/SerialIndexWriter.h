@@ -73,7 +73,6 @@ private:
     mutable std::mutex lock_;
     std::uint64_t lastWrittenGeneration_ = 0;
     std::optional<Written> lastWritten_;
-    std::size_t lastSize_ = 0;
 };
 
 }  // namespace osv

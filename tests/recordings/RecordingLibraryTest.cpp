@@ -143,6 +143,62 @@ TEST_F(RecordingLibraryTest, ChangesRideOnOneDebouncedBackgroundSave) {
     EXPECT_EQ(indexOnDisk()[0]["title"], "二");
 }
 
+TEST_F(RecordingLibraryTest, OnAirTheTranscriptAloneWaitsUpToAMinuteAndAnyOtherChangeDoesNot) {
+    auto library = open();
+    library->insertRecording(entry("别的", 1));
+    library->insertRecording(entry("直播", 2));
+    const Uuid other = library->recordings()[1].id, live = library->recordings()[0].id;
+    ASSERT_TRUE(library->persistRecordingsNow());
+    library->setActiveRecordingID(live);
+    int sequence = 0;
+    auto caption = [&] {
+        library->updateRecording(live, true, [&](RecordingEntry& e) {
+            TranscriptSegment s;
+            s.id = Uuid::random();
+            s.sequence = ++sequence;
+            s.sourceText = "第" + std::to_string(sequence) + "句";
+            e.upsertSegmentInTimelineOrder(s);
+            e.updatedAt = scheduler.now();
+        });
+    };
+    auto captionsOnDisk = [&] { return indexOnDisk()[0]["segments"].size(); };
+
+    caption();
+    scheduler.advance(30);
+    caption();  // rides along
+    scheduler.advance(29.5);
+    EXPECT_EQ(captionsOnDisk(), 0u);
+    scheduler.advance(0.5);
+    EXPECT_EQ(captionsOnDisk(), 2u);  // a minute after the first
+
+    // Any other change, even to the entry on air, saves on the usual delay and takes the
+    // waiting transcript along.
+    caption();
+    scheduler.advance(10);
+    library->renameRecording(other, "改名");
+    scheduler.advance(2);
+    EXPECT_EQ(captionsOnDisk(), 3u);
+    EXPECT_EQ(indexOnDisk()[1]["title"], "改名");
+    EXPECT_FALSE(library->isSaveScheduled());
+    library->updateRecording(live, true, [](RecordingEntry& e) { e.status = RecordingStatus::transcribing; });
+    scheduler.advance(2);
+    EXPECT_EQ(indexOnDisk()[0]["status"], "transcribing");
+
+    // A save at once is at once; going off air turns a waiting save into an ordinary one.
+    caption();
+    ASSERT_TRUE(library->persistRecordingsNow());
+    EXPECT_EQ(captionsOnDisk(), 4u);
+    EXPECT_FALSE(library->isSaveScheduled());
+    caption();
+    scheduler.advance(5);
+    library->setActiveRecordingID(std::nullopt);
+    scheduler.advance(2);
+    EXPECT_EQ(captionsOnDisk(), 5u);
+    caption();  // off air: the usual delay
+    scheduler.advance(2);
+    EXPECT_EQ(captionsOnDisk(), 6u);
+}
+
 TEST_F(RecordingLibraryTest, AnOlderSnapshotNeverOverwritesANewerOne) {
     SerialIndexWriter writer;
     const fs::path index = dir / "recordings.json";
