@@ -171,7 +171,8 @@ void SaveAfterOneChange(benchmark::State& state) {
     for (auto _ : state) {
         const double before = processCpuMilliseconds();
         const auto& list = lib.recordings();
-        lib.renameRecording(list[std::size_t(n++ * 7919) % list.size()].id, "周会 " + std::to_string(n));
+        ++n;
+        lib.renameRecording(list[std::size_t(n * 7919) % list.size()].id, "周会 " + std::to_string(n));
         if (!lib.persistRecordingsNow()) state.SkipWithError("save failed");
         cpu += processCpuMilliseconds() - before;
     }
@@ -283,7 +284,7 @@ void ParseNlohmannSax(benchmark::State& state) {
 void ParseDecode(benchmark::State& state) {
     Library& l = library(int(state.range(0)));
     auto text = std::make_shared<const std::string>(*readWholeFile(l.dir / "recordings.json"));
-    for (auto _ : state) benchmark::DoNotOptimize(decodeRecordingEntryList(text, Date(0))->entries.size());
+    for (auto _ : state) benchmark::DoNotOptimize(decodeRecordingEntryList(*text, text, Date(0))->entries.size());
 }
 
 BENCHMARK(Load)->Arg(500)->Arg(5000)->Unit(benchmark::kMillisecond)->Iterations(5)->UseRealTime();

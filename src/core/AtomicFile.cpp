@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -124,15 +123,6 @@ Expected<std::string> readWholeFile(const std::filesystem::path& path) {
     bool ok = ::fstat(fd, &st) == 0 && !S_ISDIR(st.st_mode);
     if (ok) {
         const std::size_t size = S_ISREG(st.st_mode) ? std::size_t(st.st_size) : 0;
-        bytes.reserve(size);
-        // Fresh memory of this size costs a page fault per 4 KiB page, more than the copy
-        // itself; huge pages make that a few hundred faults.
-        constexpr std::size_t kHugePage = std::size_t(2) << 20;
-        if (size >= 4 * kHugePage) {
-            const auto start = (reinterpret_cast<std::uintptr_t>(bytes.data()) + kHugePage - 1) & ~(kHugePage - 1);
-            const auto end = (reinterpret_cast<std::uintptr_t>(bytes.data()) + size) & ~(kHugePage - 1);
-            if (end > start) ::madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);
-        }
         bytes.resize(size);
         std::size_t done = 0;
         while (ok) {
@@ -149,6 +139,36 @@ Expected<std::string> readWholeFile(const std::filesystem::path& path) {
     ::close(fd);
     if (!ok) return Error{"file_unreadable", "无法读取文件：" + path.string() + "：" + std::strerror(savedErrno)};
     return bytes;
+}
+
+Expected<std::shared_ptr<const MappedFile>> MappedFile::map(const std::filesystem::path& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ENOENT) return Error{"file_missing", "文件不存在：" + path.string()};
+        return Error{"file_unreadable", "无法读取文件：" + path.string() + "：" + std::strerror(errno)};
+    }
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        ::close(fd);
+        return Error{"file_unreadable", "无法读取文件：" + path.string()};
+    }
+    const std::size_t size = std::size_t(st.st_size);
+    void* data = nullptr;
+    if (size > 0) {
+        // Populated at once: the reader goes through all of it anyway.
+        data = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
+        if (data == MAP_FAILED) {
+            const int savedErrno = errno;
+            ::close(fd);
+            return Error{"file_unreadable", "无法读取文件：" + path.string() + "：" + std::strerror(savedErrno)};
+        }
+    }
+    ::close(fd);
+    return std::shared_ptr<const MappedFile>(new MappedFile(static_cast<const char*>(data), size));
+}
+
+MappedFile::~MappedFile() {
+    if (size_ > 0) ::munmap(const_cast<char*>(data_), size_);
 }
 
 }  // namespace osv

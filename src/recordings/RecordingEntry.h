@@ -45,7 +45,7 @@ std::string_view modeWord(SessionLabel label);
 // undecoded until first use, so a history of thousands of sessions costs about its file's
 // size in memory, and an entry nobody touched is written back as it was read.
 struct EncodedTranscript {
-    std::shared_ptr<const std::string> file;  // owns the text the views point into
+    std::shared_ptr<const void> owner;  // keeps the text the views point into
     std::string_view sourceText = "\"\"";
     std::string_view translatedText = "\"\"";
     std::string_view segments = "[]";

@@ -563,11 +563,11 @@ simdjson::error_code parseValue(dom::parser& parser, std::string& scratch, std::
 // the element without it. None when the element is not such an entry (then the whole
 // element is decoded the ordinary way).
 std::optional<RecordingEntry> readWithEncodedTranscript(const char* p, const char* end, const char*& after,
-                                                        const std::shared_ptr<const std::string>& file, Date now,
+                                                        const std::shared_ptr<const void>& owner, Date now,
                                                         dom::parser& parser, std::string& reduced) {
     using namespace indextext;
     auto encoded = std::make_shared<EncodedTranscript>();
-    encoded->file = file;
+    encoded->owner = owner;
     bool seen[3] = {false, false, false};
     reduced.clear();
     reduced.push_back('{');
@@ -626,10 +626,10 @@ struct ScannedIndex {
 
 // The index element by element. A file that is no JSON array as a whole is refused, as it
 // always was; within it, each element is read on its own.
-Expected<ScannedIndex> scanIndex(const std::shared_ptr<const std::string>& file, Date now, bool keepElements) {
+Expected<ScannedIndex> scanIndex(std::string_view text, const std::shared_ptr<const void>& owner, Date now,
+                                 bool keepElements) {
     using namespace indextext;
     const Error undecodable{"recording_index_undecodable", "the index is not valid JSON"};
-    const std::string_view text = *file;
     if (!simdjson::validate_utf8(text.data(), text.size())) return undecodable;
     const char* const end = text.data() + text.size();
     const char* p = skipWhitespace(text.data(), end);
@@ -648,7 +648,7 @@ Expected<ScannedIndex> scanIndex(const std::shared_ptr<const std::string>& file,
             const char* start = p;
             const char* after = nullptr;
             std::optional<RecordingEntry> fast;
-            if (p < end && *p == '{') fast = readWithEncodedTranscript(p, end, after, file, now, parser, scratch);
+            if (p < end && *p == '{') fast = readWithEncodedTranscript(p, end, after, owner, now, parser, scratch);
             std::optional<std::size_t> entryIndex;
             if (fast) {
                 entryIndex = out.list.entries.size();
@@ -703,14 +703,16 @@ void RecordingEntry::decodeTranscript() {
     }
 }
 
-Expected<LossyRecordingEntryList> decodeRecordingEntryList(std::shared_ptr<const std::string> file, Date now) {
-    auto scanned = scanIndex(file, now, false);
+Expected<LossyRecordingEntryList> decodeRecordingEntryList(std::string_view text, std::shared_ptr<const void> owner,
+                                                           Date now) {
+    auto scanned = scanIndex(text, owner, now, false);
     if (!scanned) return scanned.error();
     return std::move(scanned->list);
 }
 
 Expected<LossyRecordingEntryList> decodeRecordingEntryList(std::string_view bytes, Date now) {
-    return decodeRecordingEntryList(std::make_shared<const std::string>(bytes), now);
+    auto copy = std::make_shared<const std::string>(bytes);
+    return decodeRecordingEntryList(*copy, copy, now);
 }
 
 std::optional<RecordingEntry> decodeRecordingEntry(std::string_view json, Date now) {
@@ -909,10 +911,10 @@ Uuid derivedRecordingID(std::string_view minified) {
     return Uuid(bytes);
 }
 
-std::optional<std::vector<IndexElement>> unknownIndexElements(const std::shared_ptr<const std::string>& file,
+std::optional<std::vector<IndexElement>> unknownIndexElements(std::string_view file,
                                                               const std::unordered_set<Uuid>& writtenIDs,
                                                               const std::unordered_set<Uuid>& knownIDs) {
-    auto scanned = scanIndex(file, Date(0), true);
+    auto scanned = scanIndex(file, nullptr, Date(0), true);  // the entries die here
     if (!scanned) return std::nullopt;
     // In file order, as carrying over has always kept them.
     std::vector<IndexElement> kept;

@@ -38,9 +38,10 @@ struct LossyRecordingEntryList {
 
 // Error "recording_index_undecodable" when the bytes are no JSON array. Defaults that
 // depend on the time (a missing createdAt) take `now`. Entries whose transcript stands as
-// this build writes it keep it encoded (see EncodedTranscript), holding on to `file`; the
-// others are decoded whole, forgiving each field as always.
-Expected<LossyRecordingEntryList> decodeRecordingEntryList(std::shared_ptr<const std::string> file, Date now);
+// this build writes it keep it encoded (see EncodedTranscript), holding on to `owner` of
+// `text`; the others are decoded whole, forgiving each field as always.
+Expected<LossyRecordingEntryList> decodeRecordingEntryList(std::string_view text, std::shared_ptr<const void> owner,
+                                                           Date now);
 Expected<LossyRecordingEntryList> decodeRecordingEntryList(std::string_view bytes, Date now);
 // One entry, decoded whole; none when the text is no JSON object.
 std::optional<RecordingEntry> decodeRecordingEntry(std::string_view json, Date now);
@@ -90,7 +91,7 @@ Uuid derivedRecordingID(std::string_view minifiedElement);
 // because this build does not write them: each object whose id is in neither
 // `writtenIDs` nor `knownIDs`, and every element that is no object. None when the bytes
 // are no JSON array; otherwise the kept elements in file order.
-std::optional<std::vector<IndexElement>> unknownIndexElements(const std::shared_ptr<const std::string>& file,
+std::optional<std::vector<IndexElement>> unknownIndexElements(std::string_view file,
                                                               const std::unordered_set<Uuid>& writtenIDs,
                                                               const std::unordered_set<Uuid>& knownIDs);
 

@@ -103,10 +103,12 @@ void RecordingLibrary::loadRecordings() {
     std::vector<RecordingEntry> entries;
     std::size_t skipped = 0;
     const auto identity = SerialIndexWriter::identify(paths_.index());
-    auto bytes = readWholeFile(paths_.index());
+    // Mapped, not copied: the entries keep their transcripts as this text until first use,
+    // and the index is only ever replaced by rename, never rewritten in place.
+    auto mapped = MappedFile::map(paths_.index());
     Expected<LossyRecordingEntryList> decoded =
-        bytes ? decodeRecordingEntryList(std::make_shared<const std::string>(std::move(*bytes)), scheduler_.now())
-              : Expected<LossyRecordingEntryList>(bytes.error());
+        mapped ? decodeRecordingEntryList((*mapped)->bytes(), *mapped, scheduler_.now())
+               : Expected<LossyRecordingEntryList>(mapped.error());
     if (decoded) {
         entries = std::move(decoded->entries);
         skipped = decoded->skippedCount;

@@ -80,7 +80,7 @@ std::optional<fs::path> SerialIndexWriter::setAsideUnreadable(const fs::path& in
 
 std::optional<std::string> SerialIndexWriter::carryingOverUnknownEntries(std::string_view newData,
                                                                          const std::unordered_set<Uuid>& newIDs,
-                                                                         const std::shared_ptr<const std::string>& file,
+                                                                         std::string_view file,
                                                                          const std::unordered_set<Uuid>& knownIDs) {
     if (newData.size() < 2 || newData.front() != '[' || newData.back() != ']') return std::nullopt;
     auto kept = unknownIndexElements(file, newIDs, knownIDs);
@@ -122,7 +122,7 @@ Expected<bool> SerialIndexWriter::write(const std::vector<RecordingEntry>& entri
     // is read.
     std::vector<IndexElement> carried;
     const std::optional<FileIdentity> present = identify(indexFile);
-    std::shared_ptr<const std::string> presentBytes;
+    std::optional<std::string> presentBytes;
     bool backupWanted = false;
     if (present && lastWritten_ && *present == lastWritten_->file) {
         for (const IndexElement& e : lastWritten_->carried)
@@ -133,8 +133,8 @@ Expected<bool> SerialIndexWriter::write(const std::vector<RecordingEntry>& entri
         auto bytes = readWholeFile(indexFile);
         std::optional<std::vector<IndexElement>> kept;
         if (bytes) {
-            presentBytes = std::make_shared<const std::string>(std::move(*bytes));
-            kept = unknownIndexElements(presentBytes, newIDs, knownIDs);
+            presentBytes = std::move(*bytes);
+            kept = unknownIndexElements(*presentBytes, newIDs, knownIDs);
         }
         const bool empty = presentBytes && presentBytes->empty();
         if (kept) carried = std::move(*kept);
@@ -148,7 +148,7 @@ Expected<bool> SerialIndexWriter::write(const std::vector<RecordingEntry>& entri
     if (backupWanted) {
         fs::path backup = indexFile;
         backup += ".bak";
-        if (auto kept = keepBackup(indexFile, backup, presentBytes.get()); !kept)
+        if (auto kept = keepBackup(indexFile, backup, presentBytes ? &*presentBytes : nullptr); !kept)
             return Error{"recording_index_write_failed", kept.error().message};
     }
     if (auto written = writeFileAtomically(indexFile, data.pieces()); !written)

@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -38,7 +37,7 @@ public:
     // be kept or the file is no JSON array (the new data then stands).
     static std::optional<std::string> carryingOverUnknownEntries(std::string_view newData,
                                                                  const std::unordered_set<Uuid>& newIDs,
-                                                                 const std::shared_ptr<const std::string>& file,
+                                                                 std::string_view file,
                                                                  const std::unordered_set<Uuid>& knownIDs);
 
     // Which file an index is: a save that finds the file it wrote or loaded last need not
