@@ -253,11 +253,7 @@ void relabelPlaceholderTitles(std::vector<RecordingEntry>& entries, std::string_
 }
 
 std::string transcriptMarkdown(const RecordingEntry& entry, std::string_view timeZone) {
-    if (!entry.isTranscriptDecoded()) {
-        RecordingEntry decoded = entry;
-        decoded.decodeTranscript();
-        return transcriptMarkdown(decoded, timeZone);
-    }
+    if (!entry.isTranscriptDecoded()) return transcriptMarkdown(entry.withDecodedTranscript(), timeZone);
     std::string md = "# " + entry.title;
     md += "\n\n创建时间：" + formatDate(entry.createdAt, DateStyle::abbreviated, TimeStyle::standard, timeZone);
     md += "\n类型：";

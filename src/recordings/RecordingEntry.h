@@ -107,6 +107,13 @@ struct RecordingEntry {
     // Fills sourceText, translatedText and segments from the encoded text; nothing when
     // they are decoded already.
     void decodeTranscript();
+    // A copy with the transcript decoded, however this one holds it: what the fields meant
+    // before transcripts could stay encoded.
+    RecordingEntry withDecodedTranscript() const {
+        RecordingEntry copy = *this;
+        copy.decodeTranscript();
+        return copy;
+    }
 
     // A fresh entry: mode "record" for a manual one, `liveLabel` for a live one; titled by
     // the clock of `now`.
