@@ -24,10 +24,11 @@ constexpr const char* kRecordingsUsage =
     "ID: the recording's UUID, or enough of its beginning to name one; export-md without ID\n"
     "exports the newest.\n";
 
-// The library as the program opens it at launch, with its messages on standard error.
+// The library as the program opens it at launch. What loading reports goes to standard
+// error and nowhere else: each command's exit status is its own outcome.
 struct OpenLibrary {
     ManualScheduler scheduler{Date::now()};
-    std::optional<std::string> lastError;
+    bool indexUnreadable = false;  // the index exists and could not be read at all
     RecordingLibrary library;
 
     explicit OpenLibrary(std::ostream& err)
@@ -44,9 +45,9 @@ struct OpenLibrary {
 
     RecordingLibrary::Hooks hooks(std::ostream& err) {
         RecordingLibrary::Hooks h;
-        h.setLastError = [this, &err](const std::string& text) {
-            lastError = text;
-            err << "ossevra-cli: " << text << "\n";
+        h.setLastError = [&err](const std::string& text) { err << "ossevra-cli: " << text << "\n"; };
+        h.debug = [this](const DebugEvent& e) {
+            if (e.code == "recording_index_decode_failed") indexUnreadable = true;
         };
         return h;
     }
@@ -85,7 +86,7 @@ int list(OpenLibrary& open, std::ostream& out) {
         out << e.id.text() << "  " << e.title << "  " << rawValue(e.kind) << "  " << rawValue(e.mode) << "  "
             << rawValue(e.status) << "  " << durationText(e.duration) << "  " << e.segmentCount << " 句\n";
     }
-    return open.lastError && open.library.recordings().empty() ? kFailed : kOk;
+    return open.indexUnreadable ? kFailed : kOk;
 }
 
 int show(OpenLibrary& open, const RecordingEntry& e, std::ostream& out) {
@@ -146,14 +147,13 @@ int rename(OpenLibrary& open, const RecordingEntry& e, std::string_view title, s
 int remove(OpenLibrary& open, const RecordingEntry& e, std::ostream& out, std::ostream& err) {
     const Uuid id = e.id;
     const std::string title = e.title;
-    open.library.deleteRecording(id);
-    if (open.library.recording(id)) {
+    if (!open.library.deleteRecording(id)) {
         err << "ossevra-cli: " << id.text() << " was not deleted\n";
         return kFailed;
     }
     if (open.library.isPreview()) err << "ossevra-cli: preview: nothing is saved\n";
     out << "deleted " << id.text() << "  " << title << "\n";
-    return open.lastError ? kFailed : kOk;
+    return kOk;
 }
 
 }  // namespace

@@ -129,6 +129,7 @@ std::string joinedNonEmptyBlocks(const std::vector<std::string_view>& texts) {
 }
 
 void RecordingEntry::upsertSegmentInTimelineOrder(const TranscriptSegment& segment) {
+    decodeTranscript();
     auto it = std::find_if(segments.begin(), segments.end(), [&](const auto& s) { return s.id == segment.id; });
     if (it == segments.end() && segment.sequence > 0)
         it = std::find_if(segments.begin(), segments.end(), [&](const auto& s) { return s.sequence == segment.sequence; });
@@ -145,11 +146,13 @@ void RecordingEntry::upsertSegmentInTimelineOrder(const TranscriptSegment& segme
 }
 
 void RecordingEntry::removeSegment(const Uuid& segmentID) {
+    decodeTranscript();
     std::erase_if(segments, [&](const TranscriptSegment& s) { return s.id == segmentID; });
     refreshDerivedText();
 }
 
 void RecordingEntry::resortIfNeeded(std::size_t index) {
+    decodeTranscript();
     if (index >= segments.size()) return;
     const auto key = segmentKey(segments[index]);
     const bool afterPrevious = index == 0 || !(key < segmentKey(segments[index - 1]));
@@ -158,6 +161,7 @@ void RecordingEntry::resortIfNeeded(std::size_t index) {
 }
 
 void RecordingEntry::refreshDerivedText() {
+    decodeTranscript();
     segmentCount = std::int64_t(segments.size());
     std::vector<std::string_view> sources, translations;
     sources.reserve(segments.size());
@@ -249,6 +253,7 @@ void relabelPlaceholderTitles(std::vector<RecordingEntry>& entries, std::string_
 }
 
 std::string transcriptMarkdown(const RecordingEntry& entry, std::string_view timeZone) {
+    if (!entry.isTranscriptDecoded()) return transcriptMarkdown(entry.withDecodedTranscript(), timeZone);
     std::string md = "# " + entry.title;
     md += "\n\n创建时间：" + formatDate(entry.createdAt, DateStyle::abbreviated, TimeStyle::standard, timeZone);
     md += "\n类型：";

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -38,6 +39,18 @@ std::optional<RecordingFeedback> recordingFeedbackFromRaw(std::string_view raw);
 std::optional<AssistCaptionDisposition> assistCaptionDispositionFromRaw(std::string_view raw);
 // "同传", "录音", "助答", "陪练".
 std::string_view modeWord(SessionLabel label);
+
+// The transcript of an entry as the index stored it: sourceText, translatedText and
+// segments as their exact JSON text, which is what this build writes for them. Kept
+// undecoded until first use, so a history of thousands of sessions costs about its file's
+// size in memory, and an entry nobody touched is written back as it was read.
+struct EncodedTranscript {
+    std::shared_ptr<const void> owner;  // keeps the text the views point into
+    std::string_view sourceText = "\"\"";
+    std::string_view translatedText = "\"\"";
+    std::string_view segments = "[]";
+    std::size_t segmentCount = 0;
+};
 
 struct RecordingEntry {
     Uuid id;
@@ -79,6 +92,28 @@ struct RecordingEntry {
     // Members a newer build wrote that this one does not know, as key and JSON text. They
     // are written back after the known keys, so an older build's save never drops them.
     std::vector<std::pair<std::string, std::string>> unknownFields;
+
+    // Set while sourceText, translatedText and segments are still encoded; they are empty
+    // here until decodeTranscript() fills them. RecordingLibrary decodes an entry on first
+    // use (recording(id), selection, updateRecording); the list from recordings() may hold
+    // encoded entries, whose other fields are all there. Equality ignores the encoded text:
+    // compare decoded entries.
+    struct EncodedTranscriptRef {
+        std::shared_ptr<const EncodedTranscript> text;
+        explicit operator bool() const { return bool(text); }
+        bool operator==(const EncodedTranscriptRef&) const { return true; }
+    } encodedTranscript;
+    bool isTranscriptDecoded() const { return !encodedTranscript; }
+    // Fills sourceText, translatedText and segments from the encoded text; nothing when
+    // they are decoded already.
+    void decodeTranscript();
+    // A copy with the transcript decoded, however this one holds it: what the fields meant
+    // before transcripts could stay encoded.
+    RecordingEntry withDecodedTranscript() const {
+        RecordingEntry copy = *this;
+        copy.decodeTranscript();
+        return copy;
+    }
 
     // A fresh entry: mode "record" for a manual one, `liveLabel` for a live one; titled by
     // the clock of `now`.

@@ -11,6 +11,7 @@
 
 #include "core/Json.h"
 #include "core/Text.h"
+#include "recordings/IndexText.h"
 #include "transcript/CaptureChannel.h"
 #include "transcript/TranscriptEventJson.h"
 
@@ -287,7 +288,11 @@ double finiteOrZero(double v) { return std::isfinite(v) ? v : 0.0; }
 
 double nonNegative(std::optional<double> d) { return d && *d >= 0 ? *d : 0.0; }
 
-std::optional<RecordingEntry> entry(Element e, Date now) {
+// With `encoded`, the transcript's keys were taken out of `e` and stay encoded; the
+// defaults that depend on the segments take their count from it. `hasID` tells whether the
+// entry carries a readable id (otherwise one is derived from this very text).
+std::optional<RecordingEntry> entry(Element e, Date now, std::shared_ptr<const EncodedTranscript> encoded = nullptr,
+                                    bool* hasID = nullptr) {
     dom::object object;
     if (e.get_object().get(object) != simdjson::SUCCESS) return std::nullopt;
     std::array<std::optional<Element>, std::size_t(Key::count)> at;
@@ -305,7 +310,9 @@ std::optional<RecordingEntry> entry(Element e, Date now) {
         return v ? decode(*v) : decltype(decode(*v)){};
     };
 
-    if (auto id = read(Key::id, uuid)) r.id = *id;
+    const auto readID = read(Key::id, uuid);
+    if (hasID) *hasID = bool(readID);
+    if (readID) r.id = *readID;
     else r.id = derivedRecordingID(simdjson::minify(e));
     r.schemaVersion = int(read(Key::schemaVersion, integer).value_or(1));
     r.createdAt = read(Key::createdAt, date).value_or(now);
@@ -342,14 +349,15 @@ std::optional<RecordingEntry> entry(Element e, Date now) {
     if (auto v = field(Key::eventLog))
         if (auto j = viaNlohmann(*v))
             if (auto log = transcriptEventLogFromJson(*j)) r.eventLog = std::move(*log);
-    const RecordingStatus statusFallback = r.segments.empty() ? RecordingStatus::ready : RecordingStatus::complete;
+    const std::size_t segmentsRead = encoded ? encoded->segmentCount : r.segments.size();
+    const RecordingStatus statusFallback = segmentsRead == 0 ? RecordingStatus::ready : RecordingStatus::complete;
     if (auto raw = read(Key::status, str)) r.status = recordingStatusFromRaw(*raw).value_or(statusFallback);
     else r.status = statusFallback;
     r.isLikelySilent = read(Key::isLikelySilent, boolean).value_or(false);
     r.peakLevel = nonNegative(read(Key::peakLevel, number));
     r.averageLevel = nonNegative(read(Key::averageLevel, number));
     r.levelSampleCount = std::max<std::int64_t>(0, read(Key::levelSampleCount, integer).value_or(0));
-    r.segmentCount = std::max<std::int64_t>(read(Key::segmentCount, integer).value_or(0), std::int64_t(r.segments.size()));
+    r.segmentCount = std::max<std::int64_t>(read(Key::segmentCount, integer).value_or(0), std::int64_t(segmentsRead));
     r.errorMessage = read(Key::errorMessage, optionalText);
     if (auto raw = read(Key::feedback, str)) r.feedback = recordingFeedbackFromRaw(*raw).value_or(RecordingFeedback::none);
     if (auto v = field(Key::usage))
@@ -359,6 +367,7 @@ std::optional<RecordingEntry> entry(Element e, Date now) {
     r.replayStopRequestedAt = read(Key::replayStopRequestedAt, date);
     r.importedAudioFilename = read(Key::importedAudioFilename, optionalText);
     if (auto v = field(Key::processingTrace)) r.processingTrace = processingTrace(*v);
+    r.encodedTranscript.text = std::move(encoded);
     return r;
 }
 
@@ -542,72 +551,227 @@ void writeUuidMap(JsonWriter& w, const std::map<Uuid, V>& map, WriteValue&& writ
     w.endObject();
 }
 
-static_assert(IndexBytes::kPadding >= simdjson::SIMDJSON_PADDING);
+// The text of one value, parsed from a copy with room for the parser's padding.
+simdjson::error_code parseValue(dom::parser& parser, std::string& scratch, std::string_view text, Element& out) {
+    scratch.reserve(text.size() + simdjson::SIMDJSON_PADDING);
+    scratch.assign(text);
+    return parser.parse(scratch).get(out);
+}
 
-Expected<LossyRecordingEntryList> decodeList(const char* data, std::size_t size, bool padded, Date now) {
-    dom::parser parser;
-    Element root;
-    if (parser.parse(data, size, !padded).get(root) != simdjson::SUCCESS)
-        return Error{"recording_index_undecodable", "the index is not valid JSON"};
-    dom::array array;
-    if (root.get_array().get(array) != simdjson::SUCCESS)
-        return Error{"recording_index_undecodable", "the index is not a JSON array"};
-    LossyRecordingEntryList list;
-    list.entries.reserve(array.size());
-    for (Element item : array) {
-        if (auto e = entry(item, now)) list.entries.push_back(std::move(*e));
-        else ++list.skippedCount;
+// One element of the index read the fast way: the transcript stays encoded when it is
+// written exactly as this build writes it, and everything else is decoded from a copy of
+// the element without it. None when the element is not such an entry (then the whole
+// element is decoded the ordinary way).
+std::optional<RecordingEntry> readWithEncodedTranscript(const char* p, const char* end, const char*& after,
+                                                        const std::shared_ptr<const void>& owner, Date now,
+                                                        dom::parser& parser, std::string& reduced) {
+    using namespace indextext;
+    auto encoded = std::make_shared<EncodedTranscript>();
+    encoded->owner = owner;
+    bool seen[3] = {false, false, false};
+    reduced.clear();
+    reduced.push_back('{');
+    p = skipWhitespace(p + 1, end);
+    if (p < end && *p == '}') return std::nullopt;
+    for (;;) {
+        if (p >= end || *p != '"') return std::nullopt;
+        const char* keyStart = p;
+        const char* keyEnd = skipValue(p, end);
+        if (!keyEnd) return std::nullopt;
+        const std::string_view key(keyStart + 1, std::size_t(keyEnd - keyStart - 2));
+        if (key.find('\\') != std::string_view::npos) return std::nullopt;
+        p = skipWhitespace(keyEnd, end);
+        if (p >= end || *p != ':') return std::nullopt;
+        p = skipWhitespace(p + 1, end);
+        const int big = key == "sourceText" ? 0 : key == "translatedText" ? 1 : key == "segments" ? 2 : -1;
+        const char* valueEnd;
+        if (big >= 0) {
+            if (seen[big]) return std::nullopt;
+            seen[big] = true;
+            valueEnd = big == 2 ? canonicalSegments(p, end, encoded->segmentCount) : canonicalString(p, end);
+            if (!valueEnd) return std::nullopt;
+            const std::string_view value(p, std::size_t(valueEnd - p));
+            (big == 0 ? encoded->sourceText : big == 1 ? encoded->translatedText : encoded->segments) = value;
+        } else {
+            valueEnd = skipValue(p, end);
+            if (!valueEnd) return std::nullopt;
+            if (reduced.size() > 1) reduced.push_back(',');
+            reduced.append(keyStart, valueEnd);
+        }
+        p = skipWhitespace(valueEnd, end);
+        if (p < end && *p == ',') {
+            p = skipWhitespace(p + 1, end);
+            continue;
+        }
+        if (p < end && *p == '}') break;
+        return std::nullopt;
     }
-    return list;
+    reduced.push_back('}');
+    reduced.reserve(reduced.size() + simdjson::SIMDJSON_PADDING);
+    Element element;
+    if (parser.parse(reduced).get(element) != simdjson::SUCCESS) return std::nullopt;
+    bool hasID = false;
+    auto r = entry(element, now, std::move(encoded), &hasID);
+    if (!r || !hasID) return std::nullopt;  // a derived id is made from the whole element
+    after = p + 1;
+    return r;
+}
+
+struct ScannedIndex {
+    LossyRecordingEntryList list;
+    // When asked for: every element's text in file order, with the index of its entry (none
+    // for an element that is no object).
+    std::vector<std::pair<std::string_view, std::optional<std::size_t>>> elements;
+};
+
+// The index element by element. A file that is no JSON array as a whole is refused, as it
+// always was; within it, each element is read on its own.
+Expected<ScannedIndex> scanIndex(std::string_view text, const std::shared_ptr<const void>& owner, Date now,
+                                 bool keepElements) {
+    using namespace indextext;
+    const Error undecodable{"recording_index_undecodable", "the index is not valid JSON"};
+    if (!simdjson::validate_utf8(text.data(), text.size())) return undecodable;
+    const char* const end = text.data() + text.size();
+    const char* p = skipWhitespace(text.data(), end);
+    if (p == end || *p != '[') {
+        if (p != end && skipValue(p, end)) return Error{"recording_index_undecodable", "the index is not a JSON array"};
+        return undecodable;
+    }
+    ScannedIndex out;
+    dom::parser parser;
+    std::string scratch;
+    p = skipWhitespace(p + 1, end);
+    if (p < end && *p == ']') {
+        p = skipWhitespace(p + 1, end);
+    } else {
+        for (;;) {
+            const char* start = p;
+            const char* after = nullptr;
+            std::optional<RecordingEntry> fast;
+            if (p < end && *p == '{') fast = readWithEncodedTranscript(p, end, after, owner, now, parser, scratch);
+            std::optional<std::size_t> entryIndex;
+            if (fast) {
+                entryIndex = out.list.entries.size();
+                out.list.entries.push_back(std::move(*fast));
+            } else {
+                after = skipValue(p, end);
+                if (!after) return undecodable;
+                Element element;
+                if (parseValue(parser, scratch, std::string_view(start, std::size_t(after - start)), element) !=
+                    simdjson::SUCCESS)
+                    return undecodable;
+                if (auto e = entry(element, now)) {
+                    entryIndex = out.list.entries.size();
+                    out.list.entries.push_back(std::move(*e));
+                } else {
+                    ++out.list.skippedCount;
+                    out.list.unreadable.push_back({std::nullopt, simdjson::minify(element)});
+                }
+            }
+            if (keepElements) out.elements.push_back({std::string_view(start, std::size_t(after - start)), entryIndex});
+            p = skipWhitespace(after, end);
+            if (p < end && *p == ',') {
+                p = skipWhitespace(p + 1, end);
+                continue;
+            }
+            if (p < end && *p == ']') {
+                p = skipWhitespace(p + 1, end);
+                break;
+            }
+            return undecodable;
+        }
+    }
+    if (p != end) return undecodable;
+    return out;
 }
 
 }  // namespace
 
-Expected<IndexBytes> IndexBytes::read(const std::filesystem::path& path) {
-    std::FILE* file = std::fopen(path.c_str(), "rb");
-    if (!file) {
-        if (errno == ENOENT) return Error{"file_missing", "no file at " + path.string()};
-        return Error{"file_unreadable", "cannot open " + path.string() + ": " + std::strerror(errno)};
+void RecordingEntry::decodeTranscript() {
+    if (!encodedTranscript) return;
+    const std::shared_ptr<const EncodedTranscript> encoded = std::move(encodedTranscript.text);
+    encodedTranscript.text.reset();
+    sourceText = indextext::unescapeCanonicalString(encoded->sourceText);
+    translatedText = indextext::unescapeCanonicalString(encoded->translatedText);
+    dom::parser parser;
+    std::string scratch;
+    Element element;
+    segments.clear();
+    if (parseValue(parser, scratch, encoded->segments, element) == simdjson::SUCCESS) {
+        segments = list<TranscriptSegment>(element, segment);
+        sortSegments(segments);
     }
-    IndexBytes bytes;
-    long size = -1;
-    if (std::fseek(file, 0, SEEK_END) == 0) size = std::ftell(file);
-    bool ok = size >= 0 && std::fseek(file, 0, SEEK_SET) == 0;
-    if (ok) {
-        bytes.size_ = std::size_t(size);
-        bytes.data_ = std::make_unique_for_overwrite<char[]>(bytes.size_ + kPadding);
-        ok = std::fread(bytes.data_.get(), 1, bytes.size_, file) == bytes.size_;
-        std::memset(bytes.data_.get() + bytes.size_, 0, kPadding);
-    }
-    std::fclose(file);
-    if (!ok) return Error{"file_unreadable", "cannot read " + path.string()};
-    return bytes;
 }
 
-IndexBytes IndexBytes::copy(std::string_view source) {
-    IndexBytes bytes;
-    bytes.size_ = source.size();
-    bytes.data_ = std::make_unique<char[]>(source.size() + kPadding);
-    std::memcpy(bytes.data_.get(), source.data(), source.size());
-    return bytes;
-}
-
-Expected<LossyRecordingEntryList> decodeRecordingEntryList(const IndexBytes& bytes, Date now) {
-    return decodeList(bytes.view().data(), bytes.view().size(), true, now);
+Expected<LossyRecordingEntryList> decodeRecordingEntryList(std::string_view text, std::shared_ptr<const void> owner,
+                                                           Date now) {
+    auto scanned = scanIndex(text, owner, now, false);
+    if (!scanned) return scanned.error();
+    return std::move(scanned->list);
 }
 
 Expected<LossyRecordingEntryList> decodeRecordingEntryList(std::string_view bytes, Date now) {
-    return decodeList(bytes.data(), bytes.size(), false, now);
+    auto copy = std::make_shared<const std::string>(bytes);
+    return decodeRecordingEntryList(*copy, copy, now);
 }
 
 std::optional<RecordingEntry> decodeRecordingEntry(std::string_view json, Date now) {
     dom::parser parser;
+    std::string scratch;
     Element root;
-    if (parser.parse(json.data(), json.size()).get(root) != simdjson::SUCCESS) return std::nullopt;
+    if (parseValue(parser, scratch, json, root) != simdjson::SUCCESS) return std::nullopt;
     return entry(root, now);
 }
 
+namespace {
+
+// Writes an entry; with `pieces`, a transcript kept as read is referred to, not copied.
+void writeEntry(JsonWriter& w, const RecordingEntry& r, const std::unordered_set<Uuid>* filedLogs, EncodedIndex* pieces);
+
+}  // namespace
+
 void writeRecordingEntry(JsonWriter& w, const RecordingEntry& r, const std::unordered_set<Uuid>* filedLogs) {
+    writeEntry(w, r, filedLogs, nullptr);
+}
+
+void EncodedIndex::keep(std::string_view text) {
+    if (text_.size() > cut_) pieces_.push_back({true, cut_, text_.size() - cut_, {}});
+    pieces_.push_back({false, 0, 0, text});
+    cut_ = text_.size();
+    size_ += text.size();
+}
+
+std::vector<std::string_view> EncodedIndex::pieces() const {
+    std::vector<std::string_view> out;
+    out.reserve(pieces_.size() + 1);
+    for (const Piece& p : pieces_) out.push_back(p.written ? std::string_view(text_).substr(p.offset, p.length) : p.kept);
+    if (text_.size() > cut_) out.push_back(std::string_view(text_).substr(cut_));
+    return out;
+}
+
+std::size_t EncodedIndex::size() const { return size_ + text_.size(); }
+
+std::string EncodedIndex::joined() const {
+    std::string out;
+    out.reserve(size());
+    for (std::string_view p : pieces()) out.append(p);
+    return out;
+}
+
+EncodedIndex encodeRecordingIndex(const std::vector<RecordingEntry>& entries, const std::unordered_set<Uuid>* filedLogs,
+                                  const std::vector<IndexElement>& carried) {
+    EncodedIndex index;
+    JsonWriter w(index.text());
+    w.beginArray();
+    for (const RecordingEntry& e : entries) writeEntry(w, e, filedLogs, &index);
+    for (const IndexElement& element : carried) w.raw(element.json);
+    w.endArray();
+    return index;
+}
+
+namespace {
+
+void writeEntry(JsonWriter& w, const RecordingEntry& r, const std::unordered_set<Uuid>* filedLogs, EncodedIndex* pieces) {
     w.beginObject();
     w.key("id");
     w.uuid(r.id);
@@ -666,14 +830,27 @@ void writeRecordingEntry(JsonWriter& w, const RecordingEntry& r, const std::unor
     w.key("byteSize");
     w.integer(r.byteSize);
     writeOptional(w, "relativeAudioPath", r.relativeAudioPath);
-    w.key("sourceText");
-    w.string(r.sourceText);
-    w.key("translatedText");
-    w.string(r.translatedText);
-    w.key("segments");
-    w.beginArray();
-    for (const TranscriptSegment& s : r.segments) write(w, s);
-    w.endArray();
+    if (const EncodedTranscript* encoded = r.encodedTranscript.text.get()) {
+        // Exactly the text this build would write for it, as it was read.
+        auto kept = [&](std::string_view key, std::string_view text) {
+            w.key(key);
+            if (!pieces) return w.raw(text);
+            pieces->keep(text);
+            w.raw("");  // the value is in place: what follows needs its comma
+        };
+        kept("sourceText", encoded->sourceText);
+        kept("translatedText", encoded->translatedText);
+        kept("segments", encoded->segments);
+    } else {
+        w.key("sourceText");
+        w.string(r.sourceText);
+        w.key("translatedText");
+        w.string(r.translatedText);
+        w.key("segments");
+        w.beginArray();
+        for (const TranscriptSegment& s : r.segments) write(w, s);
+        w.endArray();
+    }
     if (r.eventLog && !(filedLogs && filedLogs->contains(r.id))) {
         w.key("eventLog");
         w.raw(json::dumpLine(toJson(filedLogs ? r.eventLog->compacted() : *r.eventLog)));
@@ -707,15 +884,10 @@ void writeRecordingEntry(JsonWriter& w, const RecordingEntry& r, const std::unor
     w.endObject();
 }
 
-std::string encodeRecordingEntries(const std::vector<RecordingEntry>& entries, const std::unordered_set<Uuid>* filedLogs,
-                                   std::size_t sizeHint) {
-    std::string out;
-    out.reserve(sizeHint);
-    JsonWriter w(out);
-    w.beginArray();
-    for (const RecordingEntry& e : entries) writeRecordingEntry(w, e, filedLogs);
-    w.endArray();
-    return out;
+}  // namespace
+
+std::string encodeRecordingEntries(const std::vector<RecordingEntry>& entries, const std::unordered_set<Uuid>* filedLogs) {
+    return encodeRecordingIndex(entries, filedLogs, {}).joined();
 }
 
 Uuid derivedRecordingID(std::string_view minified) {
@@ -739,27 +911,26 @@ Uuid derivedRecordingID(std::string_view minified) {
     return Uuid(bytes);
 }
 
-std::optional<std::vector<IndexElement>> unknownIndexElements(const IndexBytes& fileBytes,
+std::optional<std::vector<IndexElement>> unknownIndexElements(std::string_view file,
                                                               const std::unordered_set<Uuid>& writtenIDs,
                                                               const std::unordered_set<Uuid>& knownIDs) {
-    dom::parser parser;
-    Element root;
-    if (parser.parse(fileBytes.view().data(), fileBytes.view().size(), false).get(root) != simdjson::SUCCESS)
-        return std::nullopt;
-    dom::array array;
-    if (root.get_array().get(array) != simdjson::SUCCESS) return std::nullopt;
+    auto scanned = scanIndex(file, nullptr, Date(0), true);  // the entries die here
+    if (!scanned) return std::nullopt;
+    // In file order, as carrying over has always kept them.
     std::vector<IndexElement> kept;
-    for (Element item : array) {
-        dom::object object;
-        if (item.get_object().get(object) != simdjson::SUCCESS) {
-            kept.push_back({std::nullopt, simdjson::minify(item)});
+    std::size_t unreadable = 0;
+    dom::parser parser;
+    std::string scratch;
+    for (const auto& [text, entryIndex] : scanned->elements) {
+        if (!entryIndex) {
+            kept.push_back(std::move(scanned->list.unreadable[unreadable++]));
             continue;
         }
-        Element idValue;
-        std::optional<Uuid> id;
-        if (object.at_key("id").get(idValue) == simdjson::SUCCESS) id = uuid(idValue);
-        if (!id) id = derivedRecordingID(simdjson::minify(item));
-        if (!writtenIDs.contains(*id) && !knownIDs.contains(*id)) kept.push_back({id, simdjson::minify(item)});
+        const Uuid& id = scanned->list.entries[*entryIndex].id;
+        if (writtenIDs.contains(id) || knownIDs.contains(id)) continue;
+        Element element;
+        if (parseValue(parser, scratch, text, element) != simdjson::SUCCESS) return std::nullopt;
+        kept.push_back({id, simdjson::minify(element)});
     }
     return kept;
 }

@@ -25,17 +25,6 @@ bool startsWith(std::string_view s, std::string_view prefix) { return s.substr(0
 
 double finiteOrZero(double v) { return std::isfinite(v) ? v : 0.0; }
 
-// Keeps an index this build could not read under a name no save ever writes, before the
-// first save replaces it: the backup alone would be overwritten by the save after.
-std::optional<fs::path> setAside(const fs::path& index, Date now) {
-    fs::path aside = index;
-    aside += ".unreadable-" + formatDate(now, "yyyyMMdd-HHmmss");
-    if (::link(index.c_str(), aside.c_str()) == 0) return aside;
-    auto bytes = readWholeFile(index);
-    if (bytes && writeFileAtomically(aside, *bytes)) return aside;
-    return std::nullopt;
-}
-
 // Temporary files of index writes that a killed process left behind; each can be as large
 // as the index. Only old ones go: a fresh one may belong to another running copy.
 void sweepAbandonedTemporaries(const LibraryPaths& paths) {
@@ -72,7 +61,10 @@ RecordingEntry* RecordingLibrary::find(const Uuid& id) {
 }
 
 const RecordingEntry* RecordingLibrary::recording(const Uuid& id) const {
-    return const_cast<RecordingLibrary*>(this)->find(id);
+    // Decoding on first use changes how the entry is held, not what it is.
+    RecordingEntry* e = const_cast<RecordingLibrary*>(this)->find(id);
+    if (e) e->decodeTranscript();
+    return e;
 }
 
 const RecordingEntry* RecordingLibrary::selectedRecording() const {
@@ -110,14 +102,22 @@ void RecordingLibrary::loadRecordings() {
     // 3. A missing index is a first launch; an unreadable one is reported and kept.
     std::vector<RecordingEntry> entries;
     std::size_t skipped = 0;
-    auto bytes = IndexBytes::read(paths_.index());
+    const auto identity = SerialIndexWriter::identify(paths_.index());
+    // Mapped, not copied: the entries keep their transcripts as this text until first use,
+    // and the index is only ever replaced by rename, never rewritten in place.
+    auto mapped = MappedFile::map(paths_.index());
     Expected<LossyRecordingEntryList> decoded =
-        bytes ? decodeRecordingEntryList(*bytes, scheduler_.now()) : Expected<LossyRecordingEntryList>(bytes.error());
+        mapped ? decodeRecordingEntryList((*mapped)->bytes(), *mapped, scheduler_.now())
+               : Expected<LossyRecordingEntryList>(mapped.error());
     if (decoded) {
         entries = std::move(decoded->entries);
         skipped = decoded->skippedCount;
+        // The first save need not read the file again to know what to carry over, unless it
+        // changed while it was read.
+        if (identity && identity == SerialIndexWriter::identify(paths_.index()))
+            indexWriter_->rememberLoadedIndex(*identity, std::move(decoded->unreadable));
     } else if (decoded.error().code != "file_missing") {
-        const auto aside = setAside(paths_.index(), scheduler_.now());
+        const auto aside = SerialIndexWriter::setAsideUnreadable(paths_.index());
         if (hooks_.setLastError) hooks_.setLastError("读取历史记录失败：" + decoded.error().message);
         debug(DebugEvent::Level::error, "读取历史记录失败",
               decoded.error().message + (aside ? "\n原文件另存为 " + aside->filename().string() : std::string()),
@@ -125,7 +125,12 @@ void RecordingLibrary::loadRecordings() {
     }
 
     // 4.
-    if (recovery_.settleInterruptedRecordings) recovery_.settleInterruptedRecordings(entries);
+    if (recovery_.settleInterruptedRecordings) {
+        // The sessions it settles are those cut off while recording; they are used whole.
+        for (RecordingEntry& e : entries)
+            if (e.status == RecordingStatus::recording) e.decodeTranscript();
+        recovery_.settleInterruptedRecordings(entries);
+    }
     relabelPlaceholderTitles(entries, options_.timeZone);
     std::stable_sort(entries.begin(), entries.end(),
                      [](const RecordingEntry& a, const RecordingEntry& b) { return a.createdAt > b.createdAt; });
@@ -174,14 +179,68 @@ void RecordingLibrary::reconcileStaleCrashNotices() {
 
 void RecordingLibrary::insertRecording(RecordingEntry entry) { recordings_.insert(recordings_.begin(), std::move(entry)); }
 
+namespace {
+
+// Everything of an entry but its transcript (segments, the text derived from them, and
+// the time of the change), to tell a change of the transcript alone from any other.
+struct BesidesTranscript {
+    RecordingEntry rest;
+    std::optional<std::size_t> logSize;
+
+    explicit BesidesTranscript(RecordingEntry& e) {
+        std::vector<TranscriptSegment> segments;
+        std::string source, translation;
+        std::optional<TranscriptEventLog> log;
+        segments.swap(e.segments);
+        source.swap(e.sourceText);
+        translation.swap(e.translatedText);
+        log.swap(e.eventLog);
+        rest = e;  // cheap without the bulky parts
+        segments.swap(e.segments);
+        source.swap(e.sourceText);
+        translation.swap(e.translatedText);
+        log.swap(e.eventLog);
+        if (e.eventLog) logSize = e.eventLog->size();
+        rest.segmentCount = 0;
+        rest.updatedAt = Date();
+    }
+    bool operator==(const BesidesTranscript&) const = default;
+};
+
+}  // namespace
+
 void RecordingLibrary::updateRecording(const Uuid& id, bool persist, const std::function<void(RecordingEntry&)>& mutate) {
     RecordingEntry* e = find(id);
     if (!e) return;
+    e->decodeTranscript();
+    std::optional<BesidesTranscript> before;
+    if (persist && id == activeRecordingID_) before.emplace(*e);
     mutate(*e);
     if (e->mode == SessionLabel::record && selectedRecordingID_ == id && hooks_.dropCaptionCache)
         hooks_.dropCaptionCache(id);
     if (hooks_.refreshCaptionColumns) hooks_.refreshCaptionColumns();
-    if (persist) scheduleSaveRecordings();
+    if (!persist) return;
+    // The journal holds the transcript of the session on air as it happens, so saving it
+    // can wait; anything else cannot.
+    if (before && *before == BesidesTranscript(*e)) scheduleOnAirTranscriptSave();
+    else scheduleSaveRecordings();
+}
+
+void RecordingLibrary::setActiveRecordingID(const std::optional<Uuid>& id) {
+    activeRecordingID_ = id;
+    // Off air, a waiting transcript saves as any change does.
+    if (!id && pendingTranscriptSaveTask_.isPending()) {
+        pendingTranscriptSaveTask_.cancel();
+        scheduleSaveRecordings();
+    }
+}
+
+void RecordingLibrary::scheduleOnAirTranscriptSave() {
+    if (pendingSaveTask_.isPending() || pendingTranscriptSaveTask_.isPending()) return;
+    pendingTranscriptSaveTask_ = scheduler_.after(options_.onAirTranscriptSaveDelaySeconds, [this, guard = lifetime_.guard()] {
+        if (guard.expired()) return;
+        saveRecordings();
+    });
 }
 
 void RecordingLibrary::renameRecording(const Uuid& id, std::string_view to) {
@@ -221,6 +280,7 @@ RecordingLibrary::Prepared RecordingLibrary::prepareSave() {
 
 void RecordingLibrary::saveRecordings() {
     pendingSaveTask_.cancel();
+    pendingTranscriptSaveTask_.cancel();
     if (isPreview()) return;
     auto prepared = std::make_shared<Prepared>(prepareSave());
     // The background write sees a copy: the list goes on changing here.
@@ -238,6 +298,7 @@ void RecordingLibrary::saveRecordings() {
 bool RecordingLibrary::persistRecordingsNow() {
     if (isPreview()) return true;
     pendingSaveTask_.cancel();
+    pendingTranscriptSaveTask_.cancel();
     Prepared p = prepareSave();
     auto result = indexWriter_->write(recordings_, p.filedLogs, p.generation, paths_.index(), p.known);
     if (!result) {
@@ -258,6 +319,7 @@ std::vector<RecordingEntry> RecordingLibrary::indexSnapshot() {
     snapshot.reserve(recordings_.size());
     for (const RecordingEntry& e : recordings_) {
         RecordingEntry& copy = snapshot.emplace_back(e);
+        copy.decodeTranscript();
         if (copy.eventLog) {
             if (flushed.contains(copy.id)) copy.eventLog.reset();
             else copy.eventLog = copy.eventLog->compacted();
@@ -329,35 +391,53 @@ void RecordingLibrary::removeFilesOf(const RecordingEntry& e) {
     if (hooks_.forgetReplayPerformance) hooks_.forgetReplayPerformance(e.id);
 }
 
-bool RecordingLibrary::removeFromList(const Uuid& id) {
-    if (id == activeRecordingID_) return false;
-    const RecordingEntry* e = find(id);
-    if (!e) return false;
-    if (selectedRecordingID_ == id && hooks_.stopPlaybackIfLoaded) hooks_.stopPlaybackIfLoaded(id);
-    if (!isPreview()) removeFilesOf(*e);
-    std::erase_if(recordings_, [&](const RecordingEntry& r) { return r.id == id; });
-    persistedLogEventCounts_.erase(id);
-    return true;
-}
+bool RecordingLibrary::deleteRecording(const Uuid& id) { return deleteRecordings({id}); }
 
-void RecordingLibrary::deleteRecording(const Uuid& id) { deleteRecordings({id}); }
-
-void RecordingLibrary::deleteRecordings(const std::vector<Uuid>& ids) {
-    const bool selectionGoes =
-        selectedRecordingID_ && std::find(ids.begin(), ids.end(), *selectedRecordingID_) != ids.end() &&
-        *selectedRecordingID_ != activeRecordingID_;
-    std::size_t removed = 0;
-    for (const Uuid& id : ids) removed += removeFromList(id) ? 1 : 0;
-    if (removed == 0) return;
-    if (selectionGoes) {
+bool RecordingLibrary::deleteRecordings(const std::vector<Uuid>& ids) {
+    // The entries leave the list and the index first; their files go only once the index
+    // without them is on disk, so a failed save loses nothing.
+    struct Removed {
+        std::size_t position;
+        RecordingEntry entry;
+        std::optional<std::size_t> loggedCount;
+    };
+    std::vector<Removed> removed;
+    for (const Uuid& id : ids) {
+        if (id == activeRecordingID_) continue;
+        auto it = std::find_if(recordings_.begin(), recordings_.end(), [&](const RecordingEntry& e) { return e.id == id; });
+        if (it == recordings_.end()) continue;
+        if (selectedRecordingID_ == id && hooks_.stopPlaybackIfLoaded) hooks_.stopPlaybackIfLoaded(id);
+        Removed r{std::size_t(it - recordings_.begin()), std::move(*it), std::nullopt};
+        if (auto count = persistedLogEventCounts_.find(id); count != persistedLogEventCounts_.end()) {
+            r.loggedCount = count->second;
+            persistedLogEventCounts_.erase(count);
+        }
+        recordings_.erase(it);
+        removed.push_back(std::move(r));
+    }
+    if (removed.empty()) return false;
+    if (!persistRecordingsNow()) {
+        for (auto r = removed.rbegin(); r != removed.rend(); ++r) {
+            if (r->loggedCount) persistedLogEventCounts_[r->entry.id] = *r->loggedCount;
+            recordings_.insert(recordings_.begin() + std::ptrdiff_t(r->position), std::move(r->entry));
+        }
+        if (hooks_.refreshCaptionColumns) hooks_.refreshCaptionColumns();
+        return false;
+    }
+    bool selectionGone = false;
+    for (const Removed& r : removed) {
+        if (!isPreview()) removeFilesOf(r.entry);
+        selectionGone = selectionGone || selectedRecordingID_ == r.entry.id;
+    }
+    if (selectionGone) {
         select(recordings_.empty() ? std::nullopt : std::optional<Uuid>(recordings_.front().id));
         if (hooks_.clearSuggestion) hooks_.clearSuggestion();
     } else if (hooks_.refreshCaptionColumns) {
         hooks_.refreshCaptionColumns();
     }
-    persistRecordingsNow();
     if (ids.size() == 1) debug(DebugEvent::Level::info, "删除录音记录", ids.front().text(), std::nullopt);
-    else debug(DebugEvent::Level::info, "批量删除录音", "count: " + std::to_string(removed), std::nullopt);
+    else debug(DebugEvent::Level::info, "批量删除录音", "count: " + std::to_string(removed.size()), std::nullopt);
+    return true;
 }
 
 std::optional<std::string> RecordingLibrary::selectedTranscriptMarkdown() const {

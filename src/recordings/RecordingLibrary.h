@@ -59,6 +59,7 @@ public:
         std::function<RecordingEntry()> previewRecording;
         std::string timeZone;  // empty: the user's own
         double saveDelaySeconds = 2.0;
+        double onAirTranscriptSaveDelaySeconds = 60.0;
     };
 
     RecordingLibrary(Scheduler& scheduler, Options options, Hooks hooks = {}, Recovery recovery = {});
@@ -69,14 +70,24 @@ public:
     const LibraryPaths& paths() const { return paths_; }
     bool isPreview() const { return bool(options_.previewRecording); }
 
+    // The list, newest first. Entries not used yet may hold their transcript encoded
+    // (RecordingEntry::isTranscriptDecoded); every other field is there. recording(id)
+    // gives the entry whole.
     const std::vector<RecordingEntry>& recordings() const { return recordings_; }
+    // The entry with its transcript decoded (on first use).
     const RecordingEntry* recording(const Uuid& id) const;
     const std::optional<Uuid>& selectedRecordingID() const { return selectedRecordingID_; }
     const RecordingEntry* selectedRecording() const;
     void select(const std::optional<Uuid>& id);
-    // The session on air: its log stays inline (that is what makes it recoverable) and it
-    // cannot be deleted.
-    void setActiveRecordingID(const std::optional<Uuid>& id) { activeRecordingID_ = id; }
+    // The session on air, set at its start and cleared at its end: its log stays inline
+    // (that is what makes it recoverable) and it cannot be deleted. While it is set, a
+    // change through updateRecording that touches nothing of that entry but its transcript
+    // (segments, sourceText, translatedText, segmentCount, updatedAt) may wait up to
+    // `onAirTranscriptSaveDelaySeconds` to be saved, since the journal already holds it;
+    // any other change saves on the usual delay and takes the transcript along.
+    // persistRecordingsNow() still writes at once. Clearing it turns a waiting save into
+    // an ordinary one.
+    void setActiveRecordingID(const std::optional<Uuid>& id);
     const std::optional<Uuid>& activeRecordingID() const { return activeRecordingID_; }
 
     // Step by step as at launch; see the .cpp. Called once, before any session starts.
@@ -92,7 +103,7 @@ public:
 
     // The first request arms a save in `saveDelaySeconds`; later ones ride along.
     void scheduleSaveRecordings();
-    bool isSaveScheduled() const { return pendingSaveTask_.isPending(); }
+    bool isSaveScheduled() const { return pendingSaveTask_.isPending() || pendingTranscriptSaveTask_.isPending(); }
     // Snapshot now, write in the background.
     void saveRecordings();
     // Snapshot and write now, on this thread; true when the index holds this state (or a
@@ -100,8 +111,9 @@ public:
     // of a session.
     bool persistRecordingsNow();
 
-    // What a save writes: logs filed where possible, the rest compacted inline. (Saves
-    // encode the list in this form directly, without the copy.)
+    // What a save writes: logs filed where possible, the rest compacted inline, every
+    // transcript decoded. (Saves encode the list in this form directly, without the copy
+    // and without decoding: over a long history this copy is costly.)
     std::vector<RecordingEntry> indexSnapshot();
     // Files the changed inline logs under transcripts/, at most 8 a pass, never the active
     // session's; returns the ids whose logs are on disk as they stand in memory.
@@ -112,9 +124,11 @@ public:
     // The entry's log: inline, or read from transcripts/ (and kept in the entry, unsaved).
     std::optional<TranscriptEventLog> loadEventLog(const Uuid& id);
 
-    // Removes the entry and every file it owns; refused for the session on air.
-    void deleteRecording(const Uuid& id);
-    void deleteRecordings(const std::vector<Uuid>& ids);
+    // Removes the entries from the list, saves the index at once, and only then deletes
+    // every file they own. Refused for the session on air. False when nothing was deleted;
+    // when the save fails, the entries are back in the list and every file is kept.
+    bool deleteRecording(const Uuid& id);
+    bool deleteRecordings(const std::vector<Uuid>& ids);
 
     // The selected entry as Markdown; none without a selection.
     std::optional<std::string> selectedTranscriptMarkdown() const;
@@ -130,9 +144,9 @@ private:
     };
     Prepared prepareSave();
     void reportIndexWriteFailure(const std::string& text);
+    void scheduleOnAirTranscriptSave();
     void debug(DebugEvent::Level level, std::string title, std::string details, std::optional<std::string> code);
     void removeFilesOf(const RecordingEntry& entry);
-    bool removeFromList(const Uuid& id);
     void reconcileStaleCrashNotices();
     RecordingEntry* find(const Uuid& id);
 
@@ -147,6 +161,7 @@ private:
     std::optional<Uuid> selectedRecordingID_;
     std::optional<Uuid> activeRecordingID_;
     TimerHandle pendingSaveTask_;
+    TimerHandle pendingTranscriptSaveTask_;  // the session on air's transcript alone changed
     std::uint64_t indexSaveGeneration_ = 0;
     std::unordered_set<Uuid> knownRecordingIDs_;
     std::map<Uuid, std::size_t> persistedLogEventCounts_;

@@ -288,6 +288,27 @@ TEST_F(CliRecordings, ListShowExportRenameAndDeleteWorkOnTheStoredIndex) {
     EXPECT_EQ(runCli({"recordings", "frobnicate"}).status, kUsage);
 }
 
+TEST_F(CliRecordings, ALoadNoticeGoesToStandardErrorAndLeavesEachCommandItsOwnStatus) {
+    const fs::path support = dir / "support";
+    const std::string id = "11111111-1111-4111-8111-111111111111";
+    ASSERT_TRUE(writeFileAtomically(support / "recordings.json",
+                                    "[7,{\"id\":\"" + id + "\",\"title\":\"周会\",\"createdAt\":100}]"));
+    for (const Strings& args : {Strings{"recordings", "list"}, Strings{"recordings", "show", id},
+                                Strings{"recordings", "export-md", id}, Strings{"recordings", "rename", id, "新"}}) {
+        const Result r = runCli(args);
+        EXPECT_EQ(r.status, kOk) << args[1] << ": " << r.err;
+        EXPECT_NE(r.err.find("有历史记录读不出来，已原样保留"), std::string::npos) << args[1];
+    }
+    const Result deleted = runCli({"recordings", "delete", id});
+    EXPECT_EQ(deleted.status, kOk) << deleted.err;
+    EXPECT_EQ(deleted.out, "deleted " + id + "  新\n");
+    EXPECT_EQ(*readWholeFile(support / "recordings.json"), "[7]");  // the unreadable element stays
+
+    // An index that cannot be read at all leaves nothing to list: that is the command failing.
+    ASSERT_TRUE(writeFileAtomically(support / "recordings.json", "[{"));
+    EXPECT_EQ(runCli({"recordings", "list"}).status, kFailed);
+}
+
 TEST_F(CliRecordings, ThePreviewExportsItsSampleAndWritesNothing) {
     ::setenv("OSV_PREVIEW_TRANSCRIPT", "1", 1);
     const Result md = runCli({"recordings", "export-md"});

@@ -72,7 +72,11 @@ TEST(RecordingEntryJson, EveryFieldRoundTripsInTheFixedKeyOrder) {
     auto decoded = decodeRecordingEntryList(text, kNow);
     ASSERT_TRUE(decoded);
     ASSERT_EQ(decoded->entries.size(), 1u);
-    EXPECT_EQ(decoded->entries[0], e);
+    EXPECT_FALSE(decoded->entries[0].isTranscriptDecoded());  // kept as read until used
+    EXPECT_EQ(encodeRecordingEntries(decoded->entries), text);
+    RecordingEntry used = decoded->entries[0];
+    used.decodeTranscript();
+    EXPECT_EQ(used, e);
 
     const Json parsed = *json::parse(text);
     std::vector<std::string> keys;

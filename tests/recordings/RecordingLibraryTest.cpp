@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <filesystem>
 
 #include "core/AtomicFile.h"
@@ -137,6 +141,62 @@ TEST_F(RecordingLibraryTest, ChangesRideOnOneDebouncedBackgroundSave) {
     library.reset();  // gone before the timer: nothing runs, nothing crashes
     scheduler.advance(5);
     EXPECT_EQ(indexOnDisk()[0]["title"], "二");
+}
+
+TEST_F(RecordingLibraryTest, OnAirTheTranscriptAloneWaitsUpToAMinuteAndAnyOtherChangeDoesNot) {
+    auto library = open();
+    library->insertRecording(entry("别的", 1));
+    library->insertRecording(entry("直播", 2));
+    const Uuid other = library->recordings()[1].id, live = library->recordings()[0].id;
+    ASSERT_TRUE(library->persistRecordingsNow());
+    library->setActiveRecordingID(live);
+    int sequence = 0;
+    auto caption = [&] {
+        library->updateRecording(live, true, [&](RecordingEntry& e) {
+            TranscriptSegment s;
+            s.id = Uuid::random();
+            s.sequence = ++sequence;
+            s.sourceText = "第" + std::to_string(sequence) + "句";
+            e.upsertSegmentInTimelineOrder(s);
+            e.updatedAt = scheduler.now();
+        });
+    };
+    auto captionsOnDisk = [&] { return indexOnDisk()[0]["segments"].size(); };
+
+    caption();
+    scheduler.advance(30);
+    caption();  // rides along
+    scheduler.advance(29.5);
+    EXPECT_EQ(captionsOnDisk(), 0u);
+    scheduler.advance(0.5);
+    EXPECT_EQ(captionsOnDisk(), 2u);  // a minute after the first
+
+    // Any other change, even to the entry on air, saves on the usual delay and takes the
+    // waiting transcript along.
+    caption();
+    scheduler.advance(10);
+    library->renameRecording(other, "改名");
+    scheduler.advance(2);
+    EXPECT_EQ(captionsOnDisk(), 3u);
+    EXPECT_EQ(indexOnDisk()[1]["title"], "改名");
+    EXPECT_FALSE(library->isSaveScheduled());
+    library->updateRecording(live, true, [](RecordingEntry& e) { e.status = RecordingStatus::transcribing; });
+    scheduler.advance(2);
+    EXPECT_EQ(indexOnDisk()[0]["status"], "transcribing");
+
+    // A save at once is at once; going off air turns a waiting save into an ordinary one.
+    caption();
+    ASSERT_TRUE(library->persistRecordingsNow());
+    EXPECT_EQ(captionsOnDisk(), 4u);
+    EXPECT_FALSE(library->isSaveScheduled());
+    caption();
+    scheduler.advance(5);
+    library->setActiveRecordingID(std::nullopt);
+    scheduler.advance(2);
+    EXPECT_EQ(captionsOnDisk(), 5u);
+    caption();  // off air: the usual delay
+    scheduler.advance(2);
+    EXPECT_EQ(captionsOnDisk(), 6u);
 }
 
 TEST_F(RecordingLibraryTest, AnOlderSnapshotNeverOverwritesANewerOne) {
@@ -289,6 +349,97 @@ TEST_F(RecordingLibraryTest, AnIndexThatCannotBeReadIsSetAsideBeforeAnySaveRepla
         if (f.path().filename().string().starts_with("recordings.json.unreadable-"))
             setAside = *readWholeFile(f.path()) == damaged;
     EXPECT_TRUE(setAside);
+}
+
+std::vector<fs::path> setAsideFiles(const fs::path& dir) {
+    std::vector<fs::path> out;
+    for (const auto& f : fs::directory_iterator(dir))
+        if (f.path().filename().string().starts_with("recordings.json.unreadable-")) out.push_back(f.path());
+    return out;
+}
+
+TEST_F(RecordingLibraryTest, AnIndexDamagedAfterLoadingIsKeptBeforeASaveReplacesIt) {
+    auto library = open();
+    library->insertRecording(entry("甲", 1));
+    ASSERT_TRUE(library->persistRecordingsNow());
+    // Something else left a file this build cannot read in its place.
+    const std::string damaged = "[{\"id\":\"11111111-1111-4111-8111-111111111111\",\"title\":";
+    ASSERT_TRUE(writeFileAtomically(dir / "recordings.json", damaged));
+    library->renameRecording(library->recordings()[0].id, "乙");
+    ASSERT_TRUE(library->persistRecordingsNow());
+    ASSERT_TRUE(library->persistRecordingsNow());
+    ASSERT_TRUE(library->persistRecordingsNow());  // the backup no longer holds it
+    const auto kept = setAsideFiles(dir);
+    ASSERT_EQ(kept.size(), 1u);
+    EXPECT_EQ(*readWholeFile(kept[0]), damaged);
+    EXPECT_EQ(indexOnDisk()[0]["title"], "乙");
+}
+
+// Runs `f` in a child process that cannot read files it has no permission for (as root,
+// that takes another user, who then owns the folder and, with `ownIndex`, the index too);
+// the child's exit status is what `f` returns.
+int asUnprivileged(const fs::path& dir, bool ownIndex, const std::function<int()>& f) {
+    const pid_t child = fork();
+    if (child == 0) {
+        if (geteuid() == 0) {
+            if (::chown(dir.c_str(), 65534, 65534) != 0) _exit(100);
+            if (ownIndex && ::chown((dir / "recordings.json").c_str(), 65534, 65534) != 0) _exit(100);
+            if (::setgid(65534) != 0 || ::setuid(65534) != 0) _exit(100);
+        }
+        _exit(f());
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 101;
+}
+
+TEST_F(RecordingLibraryTest, AnIndexThatCannotBeReadIsNeverReplacedWithoutBeingKept) {
+    const std::string original = encodeRecordingEntries({entry("读不到", 1)});
+    auto saveNew = [&] {
+        SerialIndexWriter writer;
+        auto written = writer.write({entry("新", 2)}, {}, 1, dir / "recordings.json", {});
+        if (written && *written) return 0;
+        return !written && written.error().code == "recording_index_write_failed" ? 1 : 2;
+    };
+    ASSERT_TRUE(writeFileAtomically(dir / "recordings.json", original));
+    ::chmod((dir / "recordings.json").c_str(), 0);
+    // Its owner can still link a file it cannot read: it is kept, then replaced.
+    ASSERT_EQ(asUnprivileged(dir, true, saveNew), 0);
+    const auto kept = setAsideFiles(dir);
+    ASSERT_EQ(kept.size(), 1u);
+    EXPECT_EQ(*readWholeFile(kept[0]), original);
+    EXPECT_EQ(indexOnDisk()[0]["title"], "新");
+
+    // Another user's file can be neither read nor linked (protected hard links): the save
+    // fails and the file stays.
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to make a file of another user";
+    fs::remove(kept[0]);
+    ASSERT_TRUE(writeFileAtomically(dir / "recordings.json", original));
+    ::chmod((dir / "recordings.json").c_str(), 0);
+    EXPECT_EQ(asUnprivileged(dir, false, saveNew), 1);
+    EXPECT_EQ(*readWholeFile(dir / "recordings.json"), original);
+    EXPECT_TRUE(setAsideFiles(dir).empty());
+}
+
+TEST_F(RecordingLibraryTest, FilesAreDeletedOnlyAfterTheIndexWithoutTheEntryIsSaved) {
+    auto library = open();
+    RecordingEntry gone = entry("删", 1);
+    gone.relativeAudioPath = "Recordings/" + gone.id.text() + ".m4a";
+    library->insertRecording(gone);
+    ASSERT_TRUE(library->persistRecordingsNow());
+    ASSERT_TRUE(writeFileAtomically(dir / *gone.relativeAudioPath, "audio"));
+    fs::remove(dir / "recordings.json.bak");
+    fs::create_directories(dir / "recordings.json.bak" / "blocked");  // the save will fail
+
+    EXPECT_FALSE(library->deleteRecording(gone.id));
+    EXPECT_TRUE(fs::exists(dir / *gone.relativeAudioPath));
+    ASSERT_NE(library->recording(gone.id), nullptr);  // still listed, as the index still holds it
+    EXPECT_EQ(indexOnDisk().size(), 1u);
+
+    fs::remove_all(dir / "recordings.json.bak");
+    EXPECT_TRUE(library->deleteRecording(gone.id));
+    EXPECT_FALSE(fs::exists(dir / *gone.relativeAudioPath));
+    EXPECT_EQ(indexOnDisk().size(), 0u);
 }
 
 TEST_F(RecordingLibraryTest, ThePreviewShowsItsEntryAndTouchesNoFile) {
