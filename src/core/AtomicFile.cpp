@@ -6,8 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 namespace osv {
 namespace {
@@ -67,15 +65,31 @@ Expected<void> writeFileAtomically(const std::filesystem::path& path, std::strin
 }
 
 Expected<std::string> readWholeFile(const std::filesystem::path& path) {
-    std::error_code ec;
-    if (!std::filesystem::exists(path, ec))
-        return Error{"file_missing", "文件不存在：" + path.string()};
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return Error{"file_unreadable", "无法读取文件：" + path.string()};
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    if (in.bad()) return Error{"file_unreadable", "无法读取文件：" + path.string()};
-    return buffer.str();
+    // POSIX calls rather than a stream: a stream reads a failing file (a directory, an I/O
+    // error) as empty text, and empty text would then pass for the file's content.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ENOENT) return Error{"file_missing", "文件不存在：" + path.string()};
+        return Error{"file_unreadable", "无法读取文件：" + path.string() + "（" + std::strerror(errno) + "）"};
+    }
+    std::string out;
+    struct stat st {};
+    if (::fstat(fd, &st) == 0 && st.st_size > 0) out.reserve(std::size_t(st.st_size));
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n > 0) {
+            out.append(buffer, std::size_t(n));
+            continue;
+        }
+        if (n == 0) break;
+        if (errno == EINTR) continue;
+        const int failure = errno;
+        ::close(fd);
+        return Error{"file_unreadable", "无法读取文件：" + path.string() + "（" + std::strerror(failure) + "）"};
+    }
+    ::close(fd);
+    return out;
 }
 
 }  // namespace osv
