@@ -96,5 +96,38 @@ TEST_F(SecretStoreTest, AdoptsKeysFromTheLegacyAccountAndTheDefaults) {
     EXPECT_FALSE(defaults.object("openai_api_key"));
 }
 
+TEST_F(SecretStoreTest, ALegacyKeyStaysWhereItIsUntilItsNewPlaceHoldsIt) {
+    MemoryUserDefaults defaults;
+    defaults.set("openai_api_key", std::string("from-defaults"));
+    backend.items[{"com.ossevra.app", "openai-api-key"}] = "legacy-account";
+
+    // Neither the secret store nor the fallback file (its folder is a file) takes the key.
+    ASSERT_TRUE(writeFileAtomically(dir / "in-the-way", ""));
+    SecretStore blocked(&backend, dir / "in-the-way");
+    backend.failWrites = true;
+    EXPECT_EQ(blocked.adoptedKey("openai_api_key", SecretLocation::openAI(), defaults), "legacy-account");
+    EXPECT_EQ(backend.items.at({"com.ossevra.app", "openai-api-key"}), "legacy-account");
+    backend.items.clear();
+    EXPECT_EQ(blocked.adoptedKey("openai_api_key", SecretLocation::openAI(), defaults), "from-defaults");
+    EXPECT_EQ(defaults.string("openai_api_key"), "from-defaults");
+
+    // A store that says yes and keeps nothing is found out by reading the key back.
+    backend.failWrites = false;
+    backend.loseWrites = true;
+    backend.items[{"com.ossevra.app", "openai-api-key"}] = "legacy-account";
+    SecretStore lossy(&backend, dir);
+    EXPECT_EQ(lossy.adoptedKey("openai_api_key", SecretLocation::openAI(), defaults), "legacy-account");
+    EXPECT_EQ(backend.items.at({"com.ossevra.app", "openai-api-key"}), "legacy-account");
+    backend.items.clear();
+    EXPECT_EQ(lossy.adoptedKey("openai_api_key", SecretLocation::openAI(), defaults), "from-defaults");
+    EXPECT_EQ(defaults.string("openai_api_key"), "from-defaults");
+
+    // Once the key is stored, the next launch moves it.
+    backend.loseWrites = false;
+    EXPECT_EQ(lossy.adoptedKey("openai_api_key", SecretLocation::openAI(), defaults), "from-defaults");
+    EXPECT_FALSE(defaults.object("openai_api_key"));
+    EXPECT_EQ(lossy.apiKey(SecretLocation::openAI()), "from-defaults");
+}
+
 }  // namespace
 }  // namespace osv
