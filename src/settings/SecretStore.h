@@ -82,8 +82,8 @@ private:
     Placement lastPlacement_ = Placement::none;
 };
 
-// The process runs under the test suite: OSV_TEST_RUN is set, or the program's name ends
-// in "_tests".
+// The process runs under the test suite: OSV_TEST_RUN is set (every test program sets it
+// for itself and its children).
 bool runningUnderTestSuite();
 
 }  // namespace osv

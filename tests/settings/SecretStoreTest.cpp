@@ -47,6 +47,20 @@ TEST_F(SecretStoreTest, UnderTheTestSuiteOnlyFallbackFilesAreUsed) {
     EXPECT_EQ(backend.calls, 0);  // the secret store was never touched
 }
 
+// Only the environment tells: the program's own name decides nothing.
+TEST_F(SecretStoreTest, ATestRunIsKnownByTheEnvironmentAlone) {
+    ::unsetenv("OSV_KEYCHAIN_TESTS");
+    ASSERT_TRUE(runningUnderTestSuite());  // set by every test program for itself
+    const std::string saved = std::getenv("OSV_TEST_RUN");
+    ::unsetenv("OSV_TEST_RUN");
+    const bool underTests = runningUnderTestSuite();
+    SecretStore store(&backend, dir);
+    const bool reachable = store.keychainIsReachable();
+    ::setenv("OSV_TEST_RUN", saved.c_str(), 1);
+    EXPECT_FALSE(underTests);
+    EXPECT_TRUE(reachable);
+}
+
 TEST_F(SecretStoreTest, WritesGoToTheSecretStoreAndFallBackToAFileWhenItFails) {
     SecretStore store(&backend, dir);
     ASSERT_TRUE(store.keychainIsReachable());
