@@ -5,6 +5,7 @@
 #include <QThread>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "LoopbackServers.h"
@@ -60,6 +61,42 @@ TEST(QtScheduler, TimersFireInDueOrderAndCancelledOnesNever) {
     settle(0.1);
     EXPECT_EQ(fired, (std::vector<std::string>{"early", "late"}));
     EXPECT_FALSE(early.isPending());
+}
+
+// A save still running at quit posts its result back through the scheduler: the scheduler
+// waits for it instead of leaving it a freed object (ASan reports the use otherwise).
+TEST(QtScheduler, QuittingWaitsForWorkInFlight) {
+    std::atomic<bool> started{false}, finished{false};
+    bool resultRan = false;
+    {
+        QtScheduler scheduler;
+        scheduler.background(
+            [&] {
+                started = true;
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));  // a slow index save
+                finished = true;
+                return 1;
+            },
+            [&](int) { resultRan = true; });
+        while (!started) std::this_thread::yield();
+    }
+    EXPECT_TRUE(finished);
+    settle(0.05);
+    EXPECT_FALSE(resultRan);  // its result has nobody left to go to
+}
+
+TEST(QtScheduler, ACancelledTimerIsStoppedAndFreed) {
+    QtScheduler scheduler;
+    TimerHandle handle;
+    for (int i = 0; i < 50; ++i) handle = scheduler.after(30, [] {});  // re-armed at every delta
+    EXPECT_EQ(scheduler.armedTimerCount(), 1u);
+    handle.cancel();
+    EXPECT_EQ(scheduler.armedTimerCount(), 0u);
+    int fired = 0;
+    TimerHandle kept = scheduler.after(0.01, [&] { ++fired; });
+    ASSERT_TRUE(waitFor([&] { return fired == 1; }));
+    kept.cancel();  // after it fired: nothing to free, nothing breaks
+    EXPECT_EQ(scheduler.armedTimerCount(), 0u);
 }
 
 }  // namespace
