@@ -82,7 +82,7 @@ std::vector<CaptionBlock> captionBlocks(const TranscriptSnapshot& snapshot, cons
         }
         if (late) b.lateCorrection = nonBlank(std::move(best));
         if (labelsChannels) b.channel = sentences[p.first].channel;
-        b.startOffset = std::max(0.0, sentences[p.first].startedAt - sessionStart);
+        b.startOffset = std::max(0.0, sentences[p.first].startedAt.secondsSince(sessionStart));
         out.push_back(std::move(b));
     }
 
