@@ -10,6 +10,7 @@
 #include "cli/Cli.h"
 #include "core/Json.h"
 #include "platform/pulse/ChunkRecorders.h"
+#include "settings/TranslatorSettings.h"
 
 namespace osv::cli {
 namespace {
@@ -100,7 +101,11 @@ int record(const std::vector<std::string>& args, std::ostream& out, std::ostream
             return kUsage;
         }
     }
-    if ((mode != "mixed" && mode != "systemAudio" && mode != "microphone") || !seconds || outDir.empty()) {
+    if (!mode.empty() && !captureModeFromRaw(mode)) {
+        err << "ossevra-cli: unknown capture mode \"" << mode << "\"; the modes are mixed, systemAudio, microphone\n";
+        return kUsage;
+    }
+    if (mode.empty() || !seconds || outDir.empty()) {
         err << usage;
         return kUsage;
     }

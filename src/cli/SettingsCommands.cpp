@@ -4,12 +4,14 @@
 #include <istream>
 #include <iterator>
 #include <ostream>
+#include <span>
 
 #include "cli/Cli.h"
 #include "cli/CliJson.h"
 #include "cli/CliStores.h"
 #include "core/Paths.h"
 #include "core/Text.h"
+#include "services/ServiceEndpoints.h"
 #include "settings/TranslatorSettings.h"
 
 namespace osv::cli {
@@ -59,14 +61,43 @@ Json settingsJson(Stores& stores, const TranslatorSettings& s) {
     j["google_api_key"] = presence(!s.googleAPIKey.empty());
     j["gemini_api_key"] = presence(!s.geminiAPIKey.empty());
     j["jev_api_key"] = presence(!s.jevAPIKey.empty());
+    // The base each service's requests go to, and whether the environment, the settings or
+    // the default decided it.
+    ServiceEndpoints::Sources sources{};
+    const ServiceEndpoints endpoints = ServiceEndpoints::resolve(stores.defaults, {}, &sources);
+    for (std::size_t i = 0; i < ServiceEndpoints::bases().size(); ++i) {
+        const auto& base = ServiceEndpoints::bases()[i];
+        Json entry = Json::object();
+        entry["value"] = endpoints.*base.field;
+        entry["source"] = rawValue(sources[i]);
+        j[std::string(base.settingKey)] = std::move(entry);
+    }
     return j;
+}
+
+std::string joinedNames(std::span<const std::string_view> names) {
+    std::string out;
+    for (const auto& n : names) out += (out.empty() ? "" : ", ") + std::string(n);
+    return out;
 }
 
 // The value as the program reads the key; none (after saying why) when it doesn't fit.
 std::optional<UserDefaults::Value> typedValue(const SettingKey& key, const std::string& raw, std::ostream& err) {
     switch (key.type) {
         case SettingType::text:
+            if (!key.names.empty() && std::find(key.names.begin(), key.names.end(), raw) == key.names.end()) {
+                err << "ossevra-cli: \"" << key.key << "\" takes one of " << joinedNames(key.names) << "; not \"" << raw
+                    << "\"\n";
+                return std::nullopt;
+            }
             return UserDefaults::Value(raw);
+        case SettingType::baseURL:
+            if (!isServiceBaseURL(raw)) {
+                err << "ossevra-cli: \"" << key.key << "\" takes an http or https URL with a host and no query, such as "
+                    << "https://api.openai.com/v1; not \"" << raw << "\"\n";
+                return std::nullopt;
+            }
+            return UserDefaults::Value(std::string(text::trimmed(raw)));
         case SettingType::number: {
             const auto parsed = json::parse(raw);
             const auto number = parsed ? json::as<double>(*parsed) : std::nullopt;
@@ -190,8 +221,16 @@ int models(const std::vector<std::string>& args, std::ostream& out, std::ostream
     for (std::size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--json") {
             asJson = true;
-        } else if (args[i] == "--mode" && i + 1 < args.size() && appModeFromRaw(args[i + 1])) {
+        } else if (args[i] == "--mode") {
+            if (i + 1 == args.size()) {
+                err << "ossevra-cli: --mode needs a mode: interpret, record, assist or coach\n" << usage;
+                return kUsage;
+            }
             mode = appModeFromRaw(args[++i]);
+            if (!mode) {
+                err << "ossevra-cli: unknown mode \"" << args[i] << "\"; the modes are interpret, record, assist, coach\n";
+                return kUsage;
+            }
         } else {
             err << "ossevra-cli: unexpected argument \"" << args[i] << "\"\n" << usage;
             return kUsage;

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "core/Text.h"
+#include "settings/UserDefaults.h"
 
 namespace osv {
 namespace {
@@ -78,8 +79,20 @@ std::optional<std::string> endpoint(std::string_view base, std::string_view path
 
 }  // namespace
 
-ServiceEndpoints ServiceEndpoints::fromEnvironment(const std::function<std::optional<std::string>(const char*)>& lookup) {
-    auto read = [&](const char* name) -> std::optional<std::string> {
+const std::array<ServiceEndpoints::Base, 4>& ServiceEndpoints::bases() {
+    static const std::array<Base, 4> all = {{
+        {"openai_base_url", "OSV_OPENAI_BASE_URL", &ServiceEndpoints::openAI},
+        {"gemini_base_url", "OSV_GEMINI_BASE_URL", &ServiceEndpoints::gemini},
+        {"google_tts_base_url", "OSV_GOOGLE_TTS_BASE_URL", &ServiceEndpoints::googleTTS},
+        {"jev_base_url", "OSV_JEV_BASE_URL", &ServiceEndpoints::jev},
+    }};
+    return all;
+}
+
+ServiceEndpoints ServiceEndpoints::resolve(const UserDefaults& settings,
+                                           const std::function<std::optional<std::string>(const char*)>& lookup,
+                                           Sources* sources) {
+    const auto readVariable = [&](const char* name) -> std::optional<std::string> {
         std::optional<std::string> value;
         if (lookup) {
             value = lookup(name);
@@ -90,12 +103,35 @@ ServiceEndpoints ServiceEndpoints::fromEnvironment(const std::function<std::opti
         return std::string(text::trimmed(*value));
     };
     ServiceEndpoints e;
-    if (auto v = read("OSV_OPENAI_BASE_URL")) e.openAI = *v;
-    if (auto v = read("OSV_GEMINI_BASE_URL")) e.gemini = *v;
-    if (auto v = read("OSV_GOOGLE_TTS_BASE_URL")) e.googleTTS = *v;
-    if (auto v = read("OSV_JEV_BASE_URL")) e.jev = *v;
+    for (std::size_t i = 0; i < bases().size(); ++i) {
+        const Base& base = bases()[i];
+        Source source = Source::builtIn;
+        if (auto v = readVariable(base.variable)) {
+            e.*base.field = *v;
+            source = Source::environment;
+        } else if (auto stored = settings.string(base.settingKey); stored && isServiceBaseURL(*stored)) {
+            e.*base.field = std::string(text::trimmed(*stored));
+            source = Source::settings;
+        }
+        if (sources) (*sources)[i] = source;
+    }
     return e;
 }
+
+ServiceEndpoints ServiceEndpoints::fromEnvironment(const std::function<std::optional<std::string>(const char*)>& lookup) {
+    return resolve(MemoryUserDefaults(), lookup);
+}
+
+std::string_view rawValue(ServiceEndpoints::Source source) {
+    switch (source) {
+        case ServiceEndpoints::Source::builtIn: return "default";
+        case ServiceEndpoints::Source::settings: return "settings";
+        case ServiceEndpoints::Source::environment: return "environment";
+    }
+    return "default";
+}
+
+bool isServiceBaseURL(std::string_view text) { return parseBase(text).has_value(); }
 
 std::optional<std::string> httpEndpointURL(std::string_view base, std::string_view path, const QueryItems& query) {
     return endpoint(base, path, query, false);

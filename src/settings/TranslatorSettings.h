@@ -4,6 +4,7 @@
 // values in the user defaults under stable keys, the four API keys in the SecretStore.
 
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -81,11 +82,14 @@ struct TranslatorSettings {
     bool operator==(const TranslatorSettings&) const = default;
 };
 
-// What a key of the user defaults holds, as the program reads it.
-enum class SettingType { text, number, boolean, data };
+// What a key of the user defaults holds, as the program reads it. `baseURL` is text that
+// must be an http or https URL (where a service's requests go).
+enum class SettingType { text, number, boolean, data, baseURL };
 struct SettingKey {
     std::string_view key;
     SettingType type;
+    // The names a text key understands, when it stands for an enumeration; empty otherwise.
+    std::span<const std::string_view> names = {};
 };
 // Every key the settings read, legacy ones included.
 const std::vector<SettingKey>& settingKeys();
