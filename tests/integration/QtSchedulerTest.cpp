@@ -4,11 +4,14 @@
 
 #include <QThread>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <thread>
 
 #include "LoopbackServers.h"
+#include "core/EntryGuard.h"
 #include "platform/qt/QtScheduler.h"
 
 namespace osv {
@@ -83,6 +86,29 @@ TEST(QtScheduler, QuittingWaitsForWorkInFlight) {
     EXPECT_TRUE(finished);
     settle(0.05);
     EXPECT_FALSE(resultRan);  // its result has nobody left to go to
+}
+
+// An exception from a task would otherwise leave through Qt's event loop and end the program.
+TEST(QtScheduler, AThrowingTaskIsReportedAndTheLoopGoesOn) {
+    std::mutex lock;  // the background report comes from a pool thread
+    std::vector<std::string> caught;
+    setEscapedExceptionHandler([&](std::string_view where, std::string_view) {
+        std::lock_guard guard(lock);
+        caught.emplace_back(where);
+    });
+    QtScheduler scheduler;
+    int after = 0;
+    scheduler.post([] { throw std::runtime_error("posted"); });
+    TimerHandle timer = scheduler.after(0.0, [] { throw std::runtime_error("timer"); });
+    scheduler.runInBackground([] { throw std::runtime_error("background"); });
+    scheduler.post([&] { ++after; });
+    ASSERT_TRUE(waitFor([&] {
+        std::lock_guard guard(lock);
+        return after == 1 && caught.size() == 3;
+    }));
+    setEscapedExceptionHandler({});
+    std::sort(caught.begin(), caught.end());
+    EXPECT_EQ(caught, (std::vector<std::string>{"background work", "posted task", "timer"}));
 }
 
 TEST(QtScheduler, ACancelledTimerIsStoppedAndFreed) {

@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "core/EntryGuard.h"
+
 namespace osv {
 
 QtScheduler::QtScheduler() : context_(std::make_unique<QObject>()), pool_(std::make_unique<QThreadPool>()) {}
@@ -22,7 +24,8 @@ Date QtScheduler::now() const { return Date::now(); }
 
 void QtScheduler::post(std::function<void()> task) {
     // Queued calls to a context that is gone are dropped by Qt.
-    QMetaObject::invokeMethod(context_.get(), [task = std::move(task)] { task(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        context_.get(), [task = std::move(task)] { guardEntry("posted task", task); }, Qt::QueuedConnection);
 }
 
 TimerHandle QtScheduler::after(double seconds, std::function<void()> task) {
@@ -38,13 +41,15 @@ TimerHandle QtScheduler::after(double seconds, std::function<void()> task) {
         timer->deleteLater();
         if (state->cancelled) return;
         state->fired = true;
-        task();
+        guardEntry("timer", task);
     });
     timer->start(int(std::lround(ms)));
     return TimerHandle(state);
 }
 
-void QtScheduler::runInBackground(std::function<void()> work) { pool_->start(std::move(work)); }
+void QtScheduler::runInBackground(std::function<void()> work) {
+    pool_->start([work = std::move(work)] { guardEntry("background work", work); });
+}
 
 std::size_t QtScheduler::armedTimerCount() const {
     std::size_t armed = 0;
