@@ -52,21 +52,3 @@ std::vector<Request> repairRequests(const TimelineList<Sentence>& sentences, con
 std::optional<Date> nextDeadline(const TimelineList<Sentence>& sentences, const Config& config, Date now);
 
 }  // namespace osv::TranslationRouter
-
-namespace osv::TranscriptionFinalReconciler {
-
-struct Revision {
-    SentenceID id;
-    std::string text;
-    bool operator==(const Revision&) const = default;
-};
-
-// Aligns the final text of a whole turn with the sentences already closed from its deltas
-// (`previous` is what was delivered so far) and returns a corrected source for each
-// sentence of `channel` whose text the final text says differently. Sentence boundaries
-// stay; only their contents change. Empty when the turn can't be matched safely.
-std::vector<Revision> revisions(std::string_view previous, std::string_view final,
-                                const TimelineList<Sentence>& sentences, CaptureChannel channel,
-                                bool preserveOmitted);
-
-}  // namespace osv::TranscriptionFinalReconciler
