@@ -14,19 +14,12 @@ struct ParsedBase {
     std::string path;  // without a trailing slash
 };
 
-std::string lowered(std::string_view s) {
-    std::string out(s);
-    for (char& c : out)
-        if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
-    return out;
-}
-
 std::optional<ParsedBase> parseBase(std::string_view base) {
     base = text::trimmed(base);
     const auto schemeEnd = base.find("://");
     if (schemeEnd == std::string_view::npos) return std::nullopt;
     ParsedBase p;
-    p.scheme = lowered(base.substr(0, schemeEnd));
+    p.scheme = text::asciiLowercase(base.substr(0, schemeEnd));
     if (p.scheme != "http" && p.scheme != "https") return std::nullopt;
     std::string_view rest = base.substr(schemeEnd + 3);
     // A base carries no query or fragment: what follows would end up inside the path.
