@@ -5,6 +5,8 @@
 #include <iterator>
 #include <ostream>
 #include <span>
+#include <type_traits>
+#include <variant>
 
 #include "cli/Cli.h"
 #include "cli/CliJson.h"
@@ -12,6 +14,7 @@
 #include "core/Paths.h"
 #include "core/Text.h"
 #include "services/ServiceEndpoints.h"
+#include "settings/ModelWiring.h"
 #include "settings/TranslatorSettings.h"
 
 namespace osv::cli {
@@ -26,36 +29,24 @@ bool openAIKeyPresent(Stores& stores, const TranslatorSettings& s) {
 }
 
 Json settingsJson(Stores& stores, const TranslatorSettings& s) {
+    // The values as a save stores them, so that this list and the save's can't drift apart.
+    MemoryUserDefaults stored;
+    writeSettingValues(s, stored);
     Json j = Json::object();
-    j["capture_mode"] = rawValue(s.captureMode);
-    j["recognition_language"] = rawValue(s.recognitionLanguage);
-    j["target_language"] = rawValue(s.targetLanguage);
-    j["perspective"] = rawValue(s.perspective);
-    j["live_engine"] = rawValue(s.liveEngine);
-    j["caption_text_size"] = rawValue(s.captionTextSize);
-    j["skin"] = rawValue(s.skin);
-    j["refine_sentences"] = s.refineFinishedSentences;
-    j["separate_channels"] = s.separateChannels;
-    j["show_furigana"] = s.showFurigana;
-    j["rate_realtime_minute"] = s.usageRates.realtimePerMinuteUSD;
-    j["rate_input_million"] = s.usageRates.inputPerMillionUSD;
-    j["rate_output_million"] = s.usageRates.outputPerMillionUSD;
-    j["repair_source"] = s.repairSource;
-    j["learn_glossary"] = s.learnGlossary;
-    j["running_summary"] = s.runningSummary;
-    j["context_repair"] = s.contextRepair;
-    j["name_from_calendar"] = s.nameFromCalendar;
-    j["google_ja_voice"] = s.googleJapaneseVoice;
-    j["google_zh_voice"] = s.googleChineseVoice;
-    j["openai_ja_voice"] = s.japaneseVoice;
-    j["openai_zh_voice"] = s.chineseVoice;
-    j["speech_rate"] = s.speechRate;
-    j["speech_vendor"] = rawValue(s.speechVendor);
-    j["local_asr_policy"] = rawValue(s.localASRPolicy);
-    j["glossary"] = s.glossary;
-    j["chunk_seconds"] = s.chunkSeconds;
+    for (const auto& [key, value] : stored.values()) {
+        j[key] = std::visit(
+            [](const auto& v) -> Json {
+                using V = std::decay_t<decltype(v)>;
+                if constexpr (std::is_same_v<V, UserDefaults::Data>) {
+                    auto parsed = json::parse(std::string(v.begin(), v.end()));  // model preferences
+                    return parsed ? *parsed : Json(nullptr);
+                } else {
+                    return Json(v);
+                }
+            },
+            value);
+    }
     j["conversation_scene"] = s.sceneToReturnTo ? Json(rawValue(*s.sceneToReturnTo)) : Json(nullptr);
-    j["model_preferences"] = *json::parse(s.models.toJsonText());
     auto presence = [](bool present) { return present ? "present" : "absent"; };
     j["openai_api_key"] = presence(openAIKeyPresent(stores, s));
     j["google_api_key"] = presence(!s.googleAPIKey.empty());

@@ -13,9 +13,10 @@
 
 namespace osv {
 
-// The port to the platform's secret store. Status codes follow the store's conventions the
-// algorithms speak: 0 success, kItemNotFound when there is no such item, anything else a
-// failure that statusText() explains.
+// The port to the platform's secret store. Its status codes are those of the macOS
+// keychain, which the stored keys and the failure reports ("OSStatus: …") were first
+// written against: 0 success, kItemNotFound (-25300) when there is no such item, anything
+// else a failure that statusText() explains.
 class SecretBackend {
 public:
     static constexpr int kSuccess = 0;
