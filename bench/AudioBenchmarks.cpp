@@ -10,6 +10,7 @@
 
 #include "audio/ChannelGates.h"
 #include "audio/RealtimePCMEncoder.h"
+#include "audio/AudioLevel.h"
 #include "core/Base64.h"
 
 namespace osv {

@@ -33,7 +33,7 @@ endfunction()
 # ossevra_test(NAME SOURCES... DEPENDS libs... [LABELS labels...])
 function(ossevra_test name)
     cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS;LABELS" ${ARGN})
-    add_executable(${name} ${ARG_SOURCES})
+    add_executable(${name} ${ARG_SOURCES} ${PROJECT_SOURCE_DIR}/tests/TestEnvironment.cpp)
     target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} ossevra_options GTest::gtest
         GTest::gmock GTest::gtest_main)
     target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)

@@ -1,16 +1,22 @@
 #include "app/PreviewTranscript.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
 namespace osv::PreviewTranscript {
 namespace {
 
-constexpr double kDeltaSpacing = 0.45;   // seconds between deltas of a line
-constexpr double kTurnGap = 1.3;         // silence between lines
-constexpr double kUtteranceTail = 0.6;   // the service reports the turn's end after this
-constexpr double kAnswerDelay = 1.4;     // a translation arrives this long after the line
+// In milliseconds: the script's clock counts whole milliseconds from the start, so that a
+// time is the start plus one exact offset. Adding seconds step by step to a date of the
+// order of 10^8 rounds at every step, and offsets came out as 3.2500001192092896.
+constexpr std::int64_t kDeltaSpacing = 450;  // between deltas of a line
+constexpr std::int64_t kTurnGap = 1300;      // silence between lines
+constexpr std::int64_t kUtteranceTail = 600; // the service reports the turn's end after this
+constexpr std::int64_t kAnswerDelay = 1400;  // a translation arrives this long after the line
+constexpr std::int64_t kSpeechLead = 400;    // speech was heard this long before its first delta
+constexpr std::int64_t kStreamLag = 200;     // a streamed translation follows its delta by this
 
 using Origin = TranslationOrigin;
 constexpr auto kThem = CaptureChannel::system;
@@ -46,38 +52,39 @@ const std::vector<Line>& script() {
 
 Date play(LiveTranscriptSession& session, Date start) {
     session.reset();
-    Date t = start;
+    std::int64_t ms = 0;
+    const auto at = [start](std::int64_t offset) { return start + double(offset) / 1000.0; };
     for (const Line& line : script()) {
         const std::size_t before = session.log().size();
-        const Date lineStart = t;
+        const std::int64_t lineStart = ms;
         for (std::size_t i = 0; i < std::max(line.deltas.size(), line.streamed.size()); ++i) {
             if (i < line.deltas.size()) {
                 // The first delta is stamped back to when the speech was heard to begin.
-                const std::optional<Date> anchor = i == 0 ? std::optional<Date>(lineStart - 0.4) : std::nullopt;
-                session.ingest(line.deltas[i], TranscriptSegmenter::DeltaKind::source, line.channel, t, anchor);
+                const std::optional<Date> anchor = i == 0 ? std::optional<Date>(at(lineStart - kSpeechLead)) : std::nullopt;
+                session.ingest(line.deltas[i], TranscriptSegmenter::DeltaKind::source, line.channel, at(ms), anchor);
             }
             if (i < line.streamed.size())
                 session.ingest(line.streamed[i], TranscriptSegmenter::DeltaKind::streamedTranslation, line.channel,
-                               t + 0.2, std::nullopt);
-            t = t + kDeltaSpacing;
+                               at(ms + kStreamLag), std::nullopt);
+            ms += kDeltaSpacing;
         }
-        session.closeUtterance(line.channel, BoundaryReason::idle, t + kUtteranceTail);
+        session.closeUtterance(line.channel, BoundaryReason::idle, at(ms + kUtteranceTail));
 
         // The line's sentence: the last one it closed.
         std::optional<SentenceID> id;
         for (std::size_t i = before; i < session.log().size(); ++i)
             if (auto* c = std::get_if<TranscriptEvent::SentenceClosed>(&session.log().events[i].payload)) id = c->id;
-        const Date answered = t + kAnswerDelay;
+        const Date answered = at(ms + kAnswerDelay);
         if (id && line.answer)
             session.append(TranscriptEvent{Uuid::random(), answered, std::nullopt, line.channel,
                                            TranscriptEvent::SentenceTranslated{*id, *line.answer, line.origin}});
         if (id && line.failure)
             session.append(TranscriptEvent{Uuid::random(), answered, std::nullopt, line.channel,
                                            TranscriptEvent::SentenceTranslationFailed{*id, *line.failure}});
-        t = t + kUtteranceTail + kTurnGap;
+        ms += kUtteranceTail + kTurnGap;
     }
-    session.finish(BoundaryReason::sessionEnd, t);
-    return t;
+    session.finish(BoundaryReason::sessionEnd, at(ms));
+    return at(ms);
 }
 
 RecordingEntry makeRecording(Date now) {

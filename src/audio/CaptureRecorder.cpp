@@ -6,6 +6,8 @@
 #include <utility>
 
 #include "core/Uuid.h"
+#include "audio/PCM16WavWriter.h"
+#include "audio/AudioLevel.h"
 
 namespace osv {
 

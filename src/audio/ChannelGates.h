@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "audio/RealtimePCMEncoder.h"
+#include "audio/AudioLevel.h"
 #include "core/Date.h"
 
 namespace osv {

@@ -9,7 +9,7 @@
 #include <mutex>
 #include <optional>
 
-#include "audio/RealtimePCMEncoder.h"
+#include "audio/AudioLevel.h"
 
 namespace osv {
 

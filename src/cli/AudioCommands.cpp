@@ -9,14 +9,16 @@
 #include <ostream>
 #include <thread>
 
+#include "audio/CaptureRecorder.h"
 #include "audio/ChannelGates.h"
+#include "audio/SerialChunkWriter.h"
 #include "cli/Cli.h"
 #include "core/Json.h"
-#include "audio/CaptureRecorder.h"
-#include "audio/SerialChunkWriter.h"
 #include "platform/pulse/PulseCapture.h"
 #include "platform/pulse/PulseFrameSource.h"
 #include "platform/qt/QtScheduler.h"
+#include "settings/TranslatorSettings.h"
+#include "audio/AudioLevel.h"
 
 namespace osv::cli {
 namespace {
@@ -107,7 +109,11 @@ int record(const std::vector<std::string>& args, std::ostream& out, std::ostream
             return kUsage;
         }
     }
-    if ((mode != "mixed" && mode != "systemAudio" && mode != "microphone") || !seconds || outDir.empty()) {
+    if (!mode.empty() && !captureModeFromRaw(mode)) {
+        err << "ossevra-cli: unknown capture mode \"" << mode << "\"; the modes are mixed, systemAudio, microphone\n";
+        return kUsage;
+    }
+    if (mode.empty() || !seconds || outDir.empty()) {
         err << usage;
         return kUsage;
     }

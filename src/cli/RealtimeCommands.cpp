@@ -22,14 +22,22 @@ int probe(const std::vector<std::string>& args, std::ostream& out, std::ostream&
     RealtimeProbe::Options options;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
-        if (i + 1 >= args.size() || (a != "--audio" && a != "--speed" && a != "--url" && a != "--target")) {
+        if (a != "--audio" && a != "--speed" && a != "--url" && a != "--target") {
             err << "ossevra-cli: unexpected argument \"" << a << "\"\n" << kProbeUsage;
+            return kUsage;
+        }
+        if (i + 1 == args.size()) {
+            err << "ossevra-cli: " << a << " needs a value\n" << kProbeUsage;
             return kUsage;
         }
         const std::string& value = args[++i];
         if (a == "--audio") {
             audio = value;
         } else if (a == "--url") {
+            if (!isServiceBaseURL(value)) {
+                err << "ossevra-cli: --url takes an http or https URL with a host, not \"" << value << "\"\n";
+                return kUsage;
+            }
             url = value;
         } else if (a == "--target") {
             options.targetLanguage = value;
@@ -53,7 +61,7 @@ int probe(const std::vector<std::string>& args, std::ostream& out, std::ostream&
     Stores stores(err);
     TranslatorSettings settings = stores.settings.load(environmentKey());
     stores.settings.loadStoredKey(settings);
-    const std::string base = url ? *url : ServiceEndpoints::fromEnvironment().openAI;
+    const std::string base = url ? *url : ServiceEndpoints::resolve(stores.defaults).openAI;
 
     // The probe needs an event loop; a host that has one already lends it.
     std::unique_ptr<QCoreApplication> app;

@@ -102,8 +102,13 @@ int show(OpenLibrary& open, const RecordingEntry& e, std::ostream& out) {
 int exportMarkdown(OpenLibrary& open, const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
     std::optional<std::string> key, outPath;
     for (std::size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--out" && i + 1 < args.size()) outPath = args[++i];
-        else if (!key && args[i].rfind("--", 0) != 0) key = args[i];
+        if (args[i] == "--out") {
+            if (i + 1 == args.size()) {
+                err << "ossevra-cli: --out needs a file name\n" << kRecordingsUsage;
+                return kUsage;
+            }
+            outPath = args[++i];
+        } else if (!key && args[i].rfind("--", 0) != 0) key = args[i];
         else {
             err << "ossevra-cli: unexpected argument \"" << args[i] << "\"\n" << kRecordingsUsage;
             return kUsage;

@@ -4,12 +4,17 @@
 #include <istream>
 #include <iterator>
 #include <ostream>
+#include <span>
+#include <type_traits>
+#include <variant>
 
 #include "cli/Cli.h"
 #include "cli/CliJson.h"
 #include "cli/CliStores.h"
 #include "core/Paths.h"
 #include "core/Text.h"
+#include "services/ServiceEndpoints.h"
+#include "settings/ModelWiring.h"
 #include "settings/TranslatorSettings.h"
 
 namespace osv::cli {
@@ -24,49 +29,66 @@ bool openAIKeyPresent(Stores& stores, const TranslatorSettings& s) {
 }
 
 Json settingsJson(Stores& stores, const TranslatorSettings& s) {
+    // The values as a save stores them, so that this list and the save's can't drift apart.
+    MemoryUserDefaults stored;
+    writeSettingValues(s, stored);
     Json j = Json::object();
-    j["capture_mode"] = rawValue(s.captureMode);
-    j["recognition_language"] = rawValue(s.recognitionLanguage);
-    j["target_language"] = rawValue(s.targetLanguage);
-    j["perspective"] = rawValue(s.perspective);
-    j["live_engine"] = rawValue(s.liveEngine);
-    j["caption_text_size"] = rawValue(s.captionTextSize);
-    j["skin"] = rawValue(s.skin);
-    j["refine_sentences"] = s.refineFinishedSentences;
-    j["separate_channels"] = s.separateChannels;
-    j["show_furigana"] = s.showFurigana;
-    j["rate_realtime_minute"] = s.usageRates.realtimePerMinuteUSD;
-    j["rate_input_million"] = s.usageRates.inputPerMillionUSD;
-    j["rate_output_million"] = s.usageRates.outputPerMillionUSD;
-    j["repair_source"] = s.repairSource;
-    j["learn_glossary"] = s.learnGlossary;
-    j["running_summary"] = s.runningSummary;
-    j["context_repair"] = s.contextRepair;
-    j["name_from_calendar"] = s.nameFromCalendar;
-    j["google_ja_voice"] = s.googleJapaneseVoice;
-    j["google_zh_voice"] = s.googleChineseVoice;
-    j["openai_ja_voice"] = s.japaneseVoice;
-    j["openai_zh_voice"] = s.chineseVoice;
-    j["speech_rate"] = s.speechRate;
-    j["speech_vendor"] = rawValue(s.speechVendor);
-    j["local_asr_policy"] = rawValue(s.localASRPolicy);
-    j["glossary"] = s.glossary;
-    j["chunk_seconds"] = s.chunkSeconds;
+    for (const auto& [key, value] : stored.values()) {
+        j[key] = std::visit(
+            [](const auto& v) -> Json {
+                using V = std::decay_t<decltype(v)>;
+                if constexpr (std::is_same_v<V, UserDefaults::Data>) {
+                    auto parsed = json::parse(std::string(v.begin(), v.end()));  // model preferences
+                    return parsed ? *parsed : Json(nullptr);
+                } else {
+                    return Json(v);
+                }
+            },
+            value);
+    }
     j["conversation_scene"] = s.sceneToReturnTo ? Json(rawValue(*s.sceneToReturnTo)) : Json(nullptr);
-    j["model_preferences"] = *json::parse(s.models.toJsonText());
     auto presence = [](bool present) { return present ? "present" : "absent"; };
     j["openai_api_key"] = presence(openAIKeyPresent(stores, s));
     j["google_api_key"] = presence(!s.googleAPIKey.empty());
     j["gemini_api_key"] = presence(!s.geminiAPIKey.empty());
     j["jev_api_key"] = presence(!s.jevAPIKey.empty());
+    // The base each service's requests go to, and whether the environment, the settings or
+    // the default decided it.
+    ServiceEndpoints::Sources sources{};
+    const ServiceEndpoints endpoints = ServiceEndpoints::resolve(stores.defaults, {}, &sources);
+    for (std::size_t i = 0; i < ServiceEndpoints::bases().size(); ++i) {
+        const auto& base = ServiceEndpoints::bases()[i];
+        Json entry = Json::object();
+        entry["value"] = endpoints.*base.field;
+        entry["source"] = rawValue(sources[i]);
+        j[std::string(base.settingKey)] = std::move(entry);
+    }
     return j;
+}
+
+std::string joinedNames(std::span<const std::string_view> names) {
+    std::string out;
+    for (const auto& n : names) out += (out.empty() ? "" : ", ") + std::string(n);
+    return out;
 }
 
 // The value as the program reads the key; none (after saying why) when it doesn't fit.
 std::optional<UserDefaults::Value> typedValue(const SettingKey& key, const std::string& raw, std::ostream& err) {
     switch (key.type) {
         case SettingType::text:
+            if (!key.names.empty() && std::find(key.names.begin(), key.names.end(), raw) == key.names.end()) {
+                err << "ossevra-cli: \"" << key.key << "\" takes one of " << joinedNames(key.names) << "; not \"" << raw
+                    << "\"\n";
+                return std::nullopt;
+            }
             return UserDefaults::Value(raw);
+        case SettingType::baseURL:
+            if (!isServiceBaseURL(raw)) {
+                err << "ossevra-cli: \"" << key.key << "\" takes an http or https URL with a host and no query, such as "
+                    << "https://api.openai.com/v1; not \"" << raw << "\"\n";
+                return std::nullopt;
+            }
+            return UserDefaults::Value(std::string(text::trimmed(raw)));
         case SettingType::number: {
             const auto parsed = json::parse(raw);
             const auto number = parsed ? json::as<double>(*parsed) : std::nullopt;
@@ -190,8 +212,16 @@ int models(const std::vector<std::string>& args, std::ostream& out, std::ostream
     for (std::size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--json") {
             asJson = true;
-        } else if (args[i] == "--mode" && i + 1 < args.size() && appModeFromRaw(args[i + 1])) {
+        } else if (args[i] == "--mode") {
+            if (i + 1 == args.size()) {
+                err << "ossevra-cli: --mode needs a mode: interpret, record, assist or coach\n" << usage;
+                return kUsage;
+            }
             mode = appModeFromRaw(args[++i]);
+            if (!mode) {
+                err << "ossevra-cli: unknown mode \"" << args[i] << "\"; the modes are interpret, record, assist, coach\n";
+                return kUsage;
+            }
         } else {
             err << "ossevra-cli: unexpected argument \"" << args[i] << "\"\n" << usage;
             return kUsage;

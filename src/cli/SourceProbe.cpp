@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ostream>
 
+#include "audio/PCM16Resampler.h"
 #include "audio/RealtimePCMEncoder.h"
 #include "cli/Cli.h"
 #include "core/Json.h"

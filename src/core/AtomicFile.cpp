@@ -120,7 +120,12 @@ Expected<std::string> readWholeFile(const std::filesystem::path& path) {
     }
     struct stat st {};
     std::string bytes;
-    bool ok = ::fstat(fd, &st) == 0 && !S_ISDIR(st.st_mode);
+    bool ok = ::fstat(fd, &st) == 0;
+    if (ok && S_ISDIR(st.st_mode)) {
+        // A stream would read a folder as empty text, and empty text would pass for the file.
+        ok = false;
+        errno = EISDIR;
+    }
     if (ok) {
         const std::size_t size = S_ISREG(st.st_mode) ? std::size_t(st.st_size) : 0;
         bytes.resize(size);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cmath>
 #include <compare>
 #include <cstdint>
 #include <limits>
@@ -42,6 +43,11 @@ struct Date {
         seconds += s;
         return *this;
     }
+    // The seconds from `earlier` to this moment, to the microsecond. A date of these years
+    // holds about a tenth of a microsecond, so the digits beyond are rounding noise
+    // (15.4 seconds after a date came out as 15.399999952316284).
+    double secondsSince(Date earlier) const { return std::round((seconds - earlier.seconds) * 1e6) / 1e6; }
+
     constexpr auto operator<=>(const Date&) const = default;
 };
 

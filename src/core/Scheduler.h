@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <utility>
 
 #include "core/Date.h"
 
@@ -17,6 +18,9 @@ public:
     struct State {
         bool cancelled = false;
         bool fired = false;
+        // Frees what the scheduler holds for a timer that will never fire; run once, by
+        // the first cancel before the timer is due.
+        std::function<void()> release;
     };
 
     TimerHandle() = default;
@@ -34,7 +38,10 @@ public:
     ~TimerHandle() { cancel(); }
 
     void cancel() {
-        if (state_) state_->cancelled = true;
+        if (state_ && !state_->cancelled) {
+            state_->cancelled = true;
+            if (!state_->fired && state_->release) std::exchange(state_->release, nullptr)();
+        }
         state_.reset();
     }
     // Armed and neither fired nor cancelled.

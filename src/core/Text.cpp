@@ -7,6 +7,8 @@
 #include <unicode/unistr.h>
 #include <unicode/utext.h>
 
+#include <simdjson.h>
+
 #include <memory>
 
 namespace osv::text {
@@ -214,6 +216,15 @@ char32_t firstScalar(std::string_view cluster) {
     if (cluster.empty()) return 0;
     std::size_t i = 0;
     return decodeScalar(cluster, i);
+}
+
+bool isValidUTF8(std::string_view text) { return simdjson::validate_utf8(text.data(), text.size()); }
+
+std::string asciiLowercase(std::string_view text) {
+    std::string out(text);
+    for (char& c : out)
+        if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
+    return out;
 }
 
 std::string_view trimmed(std::string_view text) {

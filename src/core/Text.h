@@ -74,6 +74,12 @@ inline bool isWhitespaceCharacter(std::string_view c) { return isWhitespace(firs
 std::string_view trimmed(std::string_view text);
 bool isBlank(std::string_view text);  // empty or white space only
 
+// Well-formed UTF-8 throughout (no overlong forms, surrogates or cut sequences).
+bool isValidUTF8(std::string_view text);
+
+// A–Z turned into a–z, nothing else: for names, codes and keywords, not for prose.
+std::string asciiLowercase(std::string_view text);
+
 // Traditional to Simplified Chinese through ICU's "Hant-Hans" transform. None when the
 // transform is unavailable or yields nothing.
 std::optional<std::string> traditionalToSimplified(std::string_view text);

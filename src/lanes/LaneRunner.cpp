@@ -1,5 +1,6 @@
 #include "lanes/LaneRunner.h"
 
+#include "settings/ModelWiring.h"
 #include "settings/TranslatorSettings.h"
 
 namespace osv {

@@ -1,4 +1,5 @@
 #include "live/CaptureHandoff.h"
+#include "audio/AudioLevel.h"
 
 #include <algorithm>
 #include <utility>

@@ -8,6 +8,7 @@
 #include "metering/LiveMonitor.h"
 #include "recordings/RecordingLibrary.h"
 #include "transcript/TranscriptJournal.h"
+#include "audio/AudioLevel.h"
 
 namespace osv {
 

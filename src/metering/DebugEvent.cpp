@@ -42,10 +42,13 @@ std::string DebugEvent::copyText() const {
     localtime_r(&t, &local);
     char clock[16];
     std::strftime(clock, sizeof clock, "%H:%M:%S", &local);
-    std::string out = "[" + std::string(clock) + "] " + std::string(label(level)) + " / " + std::string(label(category));
-    out += "\n" + title;
-    if (code) out += "\ncode: " + *code;
-    if (!details.empty()) out += "\n" + details;
+    // Appended piece by piece: `"…" + std::string` makes GCC 12 at -O2 and above report a
+    // false -Wrestrict inside std::string (GCC bug 105329).
+    std::string out = "[";
+    out.append(clock).append("] ").append(label(level)).append(" / ").append(label(category));
+    out.append("\n").append(title);
+    if (code) out.append("\ncode: ").append(*code);
+    if (!details.empty()) out.append("\n").append(details);
     return out;
 }
 

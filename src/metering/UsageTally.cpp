@@ -1,7 +1,6 @@
 #include "metering/UsageTally.h"
 
 #include <algorithm>
-#include <cctype>
 
 #include "core/Json.h"
 #include "core/Text.h"
@@ -39,9 +38,7 @@ constexpr Entry kTable[] = {
 };
 
 std::string normalized(std::string_view model) {
-    std::string s(text::trimmed(model));
-    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return char(std::tolower(c)); });
-    return s;
+    return text::asciiLowercase(text::trimmed(model));
 }
 
 }  // namespace

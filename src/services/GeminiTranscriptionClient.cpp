@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "audio/PCM16Resampler.h"
 #include "audio/RealtimePCMEncoder.h"
 #include "core/Base64.h"
 #include "core/Json.h"

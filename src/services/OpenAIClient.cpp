@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "audio/PCM16WavWriter.h"
 #include "audio/RealtimePCMEncoder.h"
 #include "core/Json.h"
 #include "core/Text.h"

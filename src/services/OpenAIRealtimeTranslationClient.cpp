@@ -31,49 +31,8 @@ OpenAIDebugLog log(Level level, std::string title, std::string details, std::opt
     return l;
 }
 
-std::string lowered(std::string_view s) {
-    std::string out(s);
-    std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return char(std::tolower(c)); });
-    return out;
-}
-
 bool containsIgnoringCase(std::string_view text, std::string_view part) {
-    return lowered(text).find(lowered(part)) != std::string::npos;
-}
-
-// Whole UTF-8: a binary frame that is not is skipped, not guessed at.
-bool isValidUTF8(std::string_view s) {
-    std::size_t i = 0;
-    while (i < s.size()) {
-        const auto c = static_cast<unsigned char>(s[i]);
-        std::size_t length;
-        char32_t scalar;
-        if (c < 0x80) {
-            ++i;
-            continue;
-        } else if ((c & 0xE0) == 0xC0) {
-            length = 2;
-            scalar = c & 0x1F;
-        } else if ((c & 0xF0) == 0xE0) {
-            length = 3;
-            scalar = c & 0x0F;
-        } else if ((c & 0xF8) == 0xF0) {
-            length = 4;
-            scalar = c & 0x07;
-        } else {
-            return false;
-        }
-        if (i + length > s.size()) return false;
-        for (std::size_t k = 1; k < length; ++k) {
-            const auto d = static_cast<unsigned char>(s[i + k]);
-            if ((d & 0xC0) != 0x80) return false;
-            scalar = (scalar << 6) | (d & 0x3F);
-        }
-        static constexpr char32_t kMinimum[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (scalar < kMinimum[length] || scalar > 0x10FFFF || (scalar >= 0xD800 && scalar <= 0xDFFF)) return false;
-        i += length;
-    }
-    return true;
+    return text::asciiLowercase(text).find(text::asciiLowercase(part)) != std::string::npos;
 }
 
 std::string firstCharacters(std::string_view text, std::size_t count) {
@@ -286,7 +245,7 @@ Expected<void> OpenAIRealtimeTranslationClient::sendTranscriptionConfiguration()
 }
 
 void OpenAIRealtimeTranslationClient::receive(const WebSocketFrame& frame) {
-    if (frame.kind == WebSocketFrame::Kind::binary && !isValidUTF8(frame.payload)) return;
+    if (frame.kind == WebSocketFrame::Kind::binary && !text::isValidUTF8(frame.payload)) return;
     const std::string& raw = frame.payload;
     const auto event = RealtimeServerEvent::decode(raw);
     if (!event) {
@@ -409,8 +368,10 @@ void OpenAIRealtimeTranslationClient::noteUnknown(const std::string& type, const
                                                   const DebugHandler& onDebug) {
     if (reportedUnknownTypes_.contains(type) || reportedUnknownTypes_.size() >= kMaxReportedUnknownTypes) return;
     reportedUnknownTypes_.insert(type);
-    std::string details = "type: " + type;
-    if (raw) details += "\n" + firstCharacters(*raw, kUnknownRawCharacters);
+    // Appended, not `"…" + type`: GCC 12 reports a false -Wrestrict there (bug 105329).
+    std::string details = "type: ";
+    details.append(type);
+    if (raw) details.append("\n").append(firstCharacters(*raw, kUnknownRawCharacters));
     debug(onDebug, log(Level::warning, "收到未识别的 Realtime 事件", details, "realtime_unknown_event"));
 }
 

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "core/Text.h"
+#include "settings/UserDefaults.h"
 
 namespace osv {
 namespace {
@@ -13,19 +14,12 @@ struct ParsedBase {
     std::string path;  // without a trailing slash
 };
 
-std::string lowered(std::string_view s) {
-    std::string out(s);
-    for (char& c : out)
-        if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
-    return out;
-}
-
 std::optional<ParsedBase> parseBase(std::string_view base) {
     base = text::trimmed(base);
     const auto schemeEnd = base.find("://");
     if (schemeEnd == std::string_view::npos) return std::nullopt;
     ParsedBase p;
-    p.scheme = lowered(base.substr(0, schemeEnd));
+    p.scheme = text::asciiLowercase(base.substr(0, schemeEnd));
     if (p.scheme != "http" && p.scheme != "https") return std::nullopt;
     std::string_view rest = base.substr(schemeEnd + 3);
     // A base carries no query or fragment: what follows would end up inside the path.
@@ -78,8 +72,21 @@ std::optional<std::string> endpoint(std::string_view base, std::string_view path
 
 }  // namespace
 
-ServiceEndpoints ServiceEndpoints::fromEnvironment(const std::function<std::optional<std::string>(const char*)>& lookup) {
-    auto read = [&](const char* name) -> std::optional<std::string> {
+const std::array<ServiceEndpoints::Base, 5>& ServiceEndpoints::bases() {
+    static const std::array<Base, 5> all = {{
+        {"openai_base_url", "OSV_OPENAI_BASE_URL", &ServiceEndpoints::openAI},
+        {"gemini_base_url", "OSV_GEMINI_BASE_URL", &ServiceEndpoints::gemini},
+        {"google_tts_base_url", "OSV_GOOGLE_TTS_BASE_URL", &ServiceEndpoints::googleTTS},
+        {"jev_base_url", "OSV_JEV_BASE_URL", &ServiceEndpoints::jev},
+        {"local_model_url", "OSV_LOCAL_MODEL_URL", &ServiceEndpoints::localModel},
+    }};
+    return all;
+}
+
+ServiceEndpoints ServiceEndpoints::resolve(const UserDefaults& settings,
+                                           const std::function<std::optional<std::string>(const char*)>& lookup,
+                                           Sources* sources) {
+    const auto readVariable = [&](const char* name) -> std::optional<std::string> {
         std::optional<std::string> value;
         if (lookup) {
             value = lookup(name);
@@ -90,13 +97,35 @@ ServiceEndpoints ServiceEndpoints::fromEnvironment(const std::function<std::opti
         return std::string(text::trimmed(*value));
     };
     ServiceEndpoints e;
-    if (auto v = read("OSV_OPENAI_BASE_URL")) e.openAI = *v;
-    if (auto v = read("OSV_GEMINI_BASE_URL")) e.gemini = *v;
-    if (auto v = read("OSV_GOOGLE_TTS_BASE_URL")) e.googleTTS = *v;
-    if (auto v = read("OSV_JEV_BASE_URL")) e.jev = *v;
-    if (auto v = read("OSV_LOCAL_MODEL_URL")) e.localModel = *v;
+    for (std::size_t i = 0; i < bases().size(); ++i) {
+        const Base& base = bases()[i];
+        Source source = Source::builtIn;
+        if (auto v = readVariable(base.variable)) {
+            e.*base.field = *v;
+            source = Source::environment;
+        } else if (auto stored = settings.string(base.settingKey); stored && isServiceBaseURL(*stored)) {
+            e.*base.field = std::string(text::trimmed(*stored));
+            source = Source::settings;
+        }
+        if (sources) (*sources)[i] = source;
+    }
     return e;
 }
+
+ServiceEndpoints ServiceEndpoints::fromEnvironment(const std::function<std::optional<std::string>(const char*)>& lookup) {
+    return resolve(MemoryUserDefaults(), lookup);
+}
+
+std::string_view rawValue(ServiceEndpoints::Source source) {
+    switch (source) {
+        case ServiceEndpoints::Source::builtIn: return "default";
+        case ServiceEndpoints::Source::settings: return "settings";
+        case ServiceEndpoints::Source::environment: return "environment";
+    }
+    return "default";
+}
+
+bool isServiceBaseURL(std::string_view text) { return parseBase(text).has_value(); }
 
 std::optional<std::string> httpEndpointURL(std::string_view base, std::string_view path, const QueryItems& query) {
     return endpoint(base, path, query, false);

@@ -1,10 +1,12 @@
 #pragma once
 
-// Where each service lives. Every base can be overridden from the environment, so that a
-// whole session can run against loopback servers; the defaults are the vendors' hosts.
+// Where each service lives. Every base can be overridden from the environment (so that a
+// whole session can run against loopback servers) and from the settings; the defaults are
+// the vendors' hosts.
 // A base is written as the vendor's own tools write it: scheme, host, optional port and
 // path prefix ("https://api.openai.com/v1", "http://127.0.0.1:8123/v1").
 
+#include <array>
 #include <functional>
 #include <optional>
 #include <string>
@@ -13,6 +15,8 @@
 #include <vector>
 
 namespace osv {
+
+class UserDefaults;
 
 struct ServiceEndpoints {
     std::string openAI = "https://api.openai.com/v1";
@@ -28,7 +32,30 @@ struct ServiceEndpoints {
     // `lookup` reads one variable (std::getenv by default).
     static ServiceEndpoints fromEnvironment(
         const std::function<std::optional<std::string>(const char*)>& lookup = {});
+
+    // Where a base came from.
+    enum class Source { builtIn, settings, environment };
+    struct Base {
+        std::string_view settingKey;  // "openai_base_url", …
+        const char* variable;         // "OSV_OPENAI_BASE_URL", …
+        std::string ServiceEndpoints::*field;
+    };
+    // OpenAI, Gemini, Google text-to-speech, Jev, the local model service.
+    static const std::array<Base, 5>& bases();
+    using Sources = std::array<Source, 5>;  // in the order of bases()
+
+    // Each base from its variable, else from its settings key, else the default. A stored
+    // value that is no http or https base is passed over (the settings refuse to store one;
+    // a file edited by hand may still hold it). `sources`, when given, says where each came from.
+    static ServiceEndpoints resolve(const UserDefaults& settings,
+                                    const std::function<std::optional<std::string>(const char*)>& lookup = {},
+                                    Sources* sources = nullptr);
 };
+
+std::string_view rawValue(ServiceEndpoints::Source source);  // "default", "settings", "environment"
+
+// An http or https URL with a host and no query or fragment: what a base may be.
+bool isServiceBaseURL(std::string_view text);
 
 using QueryItems = std::vector<std::pair<std::string, std::string>>;
 

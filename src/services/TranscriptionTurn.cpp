@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "audio/AudioLevel.h"
 #include "audio/RealtimePCMEncoder.h"
 #include "core/Json.h"
 

@@ -1,7 +1,6 @@
 #include "settings/ModelPreferences.h"
 
 #include <algorithm>
-#include <cctype>
 
 #include "core/Json.h"
 #include "core/Text.h"
@@ -158,8 +157,7 @@ std::optional<ModelPreferences> ModelPreferences::fromJsonText(std::string_view 
 }
 
 OpenAIModelProfile OpenAIModelProfile::forModel(std::string_view name) {
-    std::string n(text::trimmed(name));
-    std::transform(n.begin(), n.end(), n.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    const std::string n = text::asciiLowercase(text::trimmed(name));
     for (std::string_view reasoning : {"gpt-5", "o1", "o3", "o4"})
         if (n.rfind(reasoning, 0) == 0) return OpenAIModelProfile{false, "minimal"};
     return OpenAIModelProfile{true, std::nullopt};

@@ -26,12 +26,8 @@ SecretLocation SecretLocation::gemini() { return location("gemini-api-key", "gem
 SecretLocation SecretLocation::jev() { return location("typesafe-jev-api-key", "jev.key"); }
 
 bool runningUnderTestSuite() {
-    if (std::getenv("OSV_TEST_RUN")) return true;
-    std::error_code ec;
-    const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
-    if (ec) return false;
-    const std::string name = exe.filename().string();
-    return name.size() >= 6 && name.compare(name.size() - 6, 6, "_tests") == 0;
+    const char* flag = std::getenv("OSV_TEST_RUN");
+    return flag && *flag;
 }
 
 SecretStore::SecretStore(SecretBackend* backend, fs::path supportDirectory)
@@ -114,23 +110,24 @@ bool SecretStore::setAPIKey(std::string_view text, const SecretLocation& locatio
 std::optional<std::string> SecretStore::adoptedKey(std::string_view legacyDefaultsKey, const SecretLocation& location,
                                                    UserDefaults& defaults) {
     if (auto key = apiKey(location)) return key;
+    // An old place is emptied only once the new one is seen to hold the key: a failed or
+    // lost write must leave the key where it was, for the next launch to try again.
+    const auto storedAndRead = [&](const std::string& key) {
+        return setAPIKey(key, location) && apiKey(location) == key;
+    };
     if (location.account == SecretLocation::openAI().account) {
         if (auto legacy = apiKey(SecretLocation::openAILegacy())) {
-            if (!setAPIKey(*legacy, location)) return legacy;
-            setAPIKey("", SecretLocation::openAILegacy());
+            if (storedAndRead(*legacy)) setAPIKey("", SecretLocation::openAILegacy());
             return legacy;
         }
     }
-    // Older builds kept the key in the defaults: take it out whatever it held.
-    const std::optional<std::string> stored = defaults.string(legacyDefaultsKey);
-    const bool present = defaults.object(legacyDefaultsKey).has_value();
-    if (present) {
-        defaults.remove(legacyDefaultsKey);
-        defaults.synchronize();
-    }
-    const std::string key(text::trimmed(stored.value_or("")));
+    // Older builds kept the key in the defaults. An entry with no key in it goes at once.
+    if (!defaults.object(legacyDefaultsKey)) return std::nullopt;
+    const std::string key(text::trimmed(defaults.string(legacyDefaultsKey).value_or("")));
+    if (!key.empty() && !storedAndRead(key)) return key;
+    defaults.remove(legacyDefaultsKey);
+    defaults.synchronize();
     if (key.empty()) return std::nullopt;
-    setAPIKey(key, location);
     return key;
 }
 

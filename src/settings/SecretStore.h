@@ -13,9 +13,10 @@
 
 namespace osv {
 
-// The port to the platform's secret store. Status codes follow the store's conventions the
-// algorithms speak: 0 success, kItemNotFound when there is no such item, anything else a
-// failure that statusText() explains.
+// The port to the platform's secret store. Its status codes are those of the macOS
+// keychain, which the stored keys and the failure reports ("OSStatus: …") were first
+// written against: 0 success, kItemNotFound (-25300) when there is no such item, anything
+// else a failure that statusText() explains.
 class SecretBackend {
 public:
     static constexpr int kSuccess = 0;
@@ -82,8 +83,8 @@ private:
     Placement lastPlacement_ = Placement::none;
 };
 
-// The process runs under the test suite: OSV_TEST_RUN is set, or the program's name ends
-// in "_tests".
+// The process runs under the test suite: OSV_TEST_RUN is set (every test program sets it
+// for itself and its children).
 bool runningUnderTestSuite();
 
 }  // namespace osv

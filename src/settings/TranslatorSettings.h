@@ -4,6 +4,7 @@
 // values in the user defaults under stable keys, the four API keys in the SecretStore.
 
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,33 +13,11 @@
 #include "metering/UsageTally.h"
 #include "settings/ModelPreferences.h"
 #include "settings/SecretStore.h"
+#include "settings/SettingEnums.h"
 #include "settings/UserDefaults.h"
 #include "transcript/Languages.h"
 
 namespace osv {
-
-enum class SpeechVendor { google, openAI };
-enum class AudioCaptureMode { mixed, systemAudio, microphone };
-enum class RecognitionLanguage { automatic, chinese, japanese };  // "auto", "chinese", "japanese"
-enum class LiveInterpretationEngine { realtimeTranslation, chunkedFallback };
-enum class CaptionTextSize { small, medium, large };
-enum class Skin { indigo, vermilion, pine, night };
-enum class LocalASRPolicy { disabled, onCloudFailure };
-enum class ConversationScene { general, assist, coach };
-
-std::string_view rawValue(SpeechVendor v);
-std::string_view rawValue(AudioCaptureMode v);
-std::string_view rawValue(RecognitionLanguage v);
-std::string_view rawValue(LiveInterpretationEngine v);
-std::string_view rawValue(CaptionTextSize v);
-std::string_view rawValue(Skin v);
-std::string_view rawValue(LocalASRPolicy v);
-std::string_view rawValue(ConversationScene v);
-std::optional<AudioCaptureMode> captureModeFromRaw(std::string_view raw);
-std::optional<RecognitionLanguage> recognitionLanguageFromRaw(std::string_view raw);
-
-// The mode a scene starts in.
-AppMode appMode(ConversationScene scene);
 
 struct TranslatorSettings {
     std::string apiKey;
@@ -81,14 +60,20 @@ struct TranslatorSettings {
     bool operator==(const TranslatorSettings&) const = default;
 };
 
-// What a key of the user defaults holds, as the program reads it.
-enum class SettingType { text, number, boolean, data };
+// What a key of the user defaults holds, as the program reads it. `baseURL` is text that
+// must be an http or https URL (where a service's requests go).
+enum class SettingType { text, number, boolean, data, baseURL };
 struct SettingKey {
     std::string_view key;
     SettingType type;
+    // The names a text key understands, when it stands for an enumeration; empty otherwise.
+    std::span<const std::string_view> names = {};
 };
 // Every key the settings read, legacy ones included.
 const std::vector<SettingKey>& settingKeys();
+
+// The plain values as the save stores them, one key each (no API keys, no legacy keys).
+void writeSettingValues(const TranslatorSettings& settings, UserDefaults& defaults);
 
 // Loads and saves the settings in the order the launch and the save follow, and remembers
 // which keys are known to be stored. Main thread.
@@ -124,38 +109,5 @@ private:
     UserDefaults& defaults_;
     SecretStore& secrets_;
 };
-
-// The job whose model prices a lane's tokens of this usage kind.
-ModelJob modelJob(UsageTally::Kind kind);
-
-// The cost of one lane run: the user's own token rates when either is above 0, else the
-// table's price of the model the preferences give the kind's job in `mode`; none when
-// neither is known (not 0: an unknown price is not a free one).
-std::optional<double> estimatedUSD(UsageTally::Kind kind, std::int64_t inputTokens, std::int64_t outputTokens,
-                                   const TranslatorSettings& settings, AppMode mode);
-
-// What each job will really use in the settings' mode, and what is wrong with it.
-namespace ModelWiring {
-
-struct Row {
-    ModelJob job;
-    std::string model;
-    std::string vendorName;  // "OpenAI", "Gemini" or "Google 语音"
-    std::optional<std::string> price;
-    std::optional<std::string> problem;
-    bool isOverridden = false;
-    bool operator==(const Row&) const = default;
-};
-
-struct Keys {
-    bool openAI = false;
-    bool gemini = false;
-};
-
-std::vector<Row> rows(const TranslatorSettings& settings, Keys keys);
-std::string summary(const std::vector<Row>& rows);
-std::optional<std::string> priceText(const std::optional<Pricing::Rate>& rate);
-
-}  // namespace ModelWiring
 
 }  // namespace osv

@@ -1,7 +1,6 @@
 #include "settings/UserDefaults.h"
 
-#include <algorithm>
-#include <cctype>
+#include "core/Text.h"
 
 namespace osv {
 
@@ -25,8 +24,7 @@ std::optional<bool> UserDefaults::boolean(std::string_view key) const {
     if (auto* b = std::get_if<bool>(&*v)) return *b;
     if (auto* d = std::get_if<double>(&*v)) return *d != 0;
     if (auto* s = std::get_if<std::string>(&*v)) {
-        std::string lower = *s;
-        std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+        const std::string lower = text::asciiLowercase(*s);
         return lower == "true" || lower == "yes" || lower == "1";
     }
     return std::nullopt;

@@ -9,7 +9,6 @@ namespace osv {
 namespace {
 
 using CaptionGrouping::CaptionBlock;
-constexpr double kSettle = 10.0;
 
 std::optional<std::string> nonBlank(std::string text) {
     if (text::isBlank(text)) return std::nullopt;
@@ -20,8 +19,6 @@ bool hasRealTranslation(const Sentence& s) {
     return std::any_of(s.translations.begin(), s.translations.end(),
                        [](const Translation& t) { return t.origin != TranslationOrigin::provisional; });
 }
-
-bool settled(const Sentence& s, Date now) { return s.isClosed && now - s.endedAt > kSettle; }
 
 }  // namespace
 
@@ -40,16 +37,16 @@ std::vector<CaptionBlock> captionBlocks(const TranscriptSnapshot& snapshot, cons
         for (std::size_t i = p.first; i < p.first + p.count; ++i) {
             const Sentence& s = sentences[i];
             b.sentenceIDs.push_back(s.id);
-            const std::string caption = s.captionText(now, kSettle);
+            const std::string caption = s.captionText(now, kCaptionSettleSeconds);
             const std::string bestText = s.bestText();
             source += caption;
             best += bestText;
-            const Translation* shown = s.captionTranslation(now, kSettle);
+            const Translation* shown = s.captionTranslation(now, kCaptionSettleSeconds);
             const Translation* standing = Sentence::standing(s.translations);
             if (shown) translation += shown->text;
             if (standing) standingText += standing->text;
             if (!s.isClosed || (shown && shown->origin == TranslationOrigin::provisional)) b.isProvisional = true;
-            if (now >= s.endedAt + kSettle) {
+            if (now >= s.endedAt + kCaptionSettleSeconds) {
                 if (bestText != caption) late = true;
                 if (standing && (!shown || standing->text != shown->text)) lateInTranslation = true;
             }
@@ -67,9 +64,9 @@ std::vector<CaptionBlock> captionBlocks(const TranscriptSnapshot& snapshot, cons
                 if (s.furigana) {
                     readings += *s.furigana;
                 } else if (*readingsOnTranslation) {
-                    if (const Translation* shown = s.captionTranslation(now, kSettle)) readings += shown->text;
+                    if (const Translation* shown = s.captionTranslation(now, kCaptionSettleSeconds)) readings += shown->text;
                 } else {
-                    readings += s.captionText(now, kSettle);
+                    readings += s.captionText(now, kCaptionSettleSeconds);
                 }
             }
             b.furigana = nonBlank(std::move(readings));
@@ -82,7 +79,7 @@ std::vector<CaptionBlock> captionBlocks(const TranscriptSnapshot& snapshot, cons
         }
         if (late) b.lateCorrection = nonBlank(std::move(best));
         if (labelsChannels) b.channel = sentences[p.first].channel;
-        b.startOffset = std::max(0.0, sentences[p.first].startedAt - sessionStart);
+        b.startOffset = std::max(0.0, sentences[p.first].startedAt.secondsSince(sessionStart));
         out.push_back(std::move(b));
     }
 
@@ -94,9 +91,9 @@ std::vector<CaptionBlock> captionBlocks(const TranscriptSnapshot& snapshot, cons
                 if (sentences[p.first].channel != channel) continue;
                 bool real = false, changeable = false;
                 for (std::size_t i = p.first; i < p.first + p.count; ++i) {
-                    const Translation* shown = sentences[i].captionTranslation(now, kSettle);
+                    const Translation* shown = sentences[i].captionTranslation(now, kCaptionSettleSeconds);
                     if (shown && shown->origin != TranslationOrigin::provisional) real = true;
-                    if (!settled(sentences[i], now)) changeable = true;
+                    if (!hasSettled(sentences[i], now)) changeable = true;
                 }
                 if (!real && changeable) {
                     out[k].translation = tail;

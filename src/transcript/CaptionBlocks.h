@@ -12,6 +12,14 @@
 
 namespace osv {
 
+// After this long past its end a sentence's caption no longer changes.
+inline constexpr double kCaptionSettleSeconds = 10.0;
+
+// Closed, and past the settle time: its caption is final.
+inline bool hasSettled(const Sentence& sentence, Date now) {
+    return sentence.isClosed && now - sentence.endedAt > kCaptionSettleSeconds;
+}
+
 // The blocks of `paragraphs` (ranges of snapshot.sentences()).
 //
 // Rules for the fields the reader relies on:

@@ -72,7 +72,7 @@ std::vector<CaptionBlock> blocks(const std::vector<TranscriptSegment>& segments,
         b.translation = nonBlank(std::move(translation));
         if (b.translation) b.pendingSource = nonBlank(std::move(pending));
         b.channel = segments[first].channel;
-        b.startOffset = std::max(0.0, segments[first].startedAt - start);
+        b.startOffset = std::max(0.0, segments[first].startedAt.secondsSince(start));
         out.push_back(std::move(b));
         first = end;
     };

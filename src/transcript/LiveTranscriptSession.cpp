@@ -120,7 +120,7 @@ CaptionBlockList LiveTranscriptSession::captionBlocks(bool translates, Date now)
         const ParagraphRange& p = paragraphs[k];
         bool canFreeze = sentences[paragraphs[k + 1].first].isClosed;
         for (std::size_t i = p.first; canFreeze && i < p.first + p.count; ++i)
-            canFreeze = sentences[i].isClosed && now - sentences[i].endedAt > kCaptionSettleSeconds;
+            canFreeze = hasSettled(sentences[i], now);
         if (!canFreeze) break;
         for (std::size_t i = p.first; i < p.first + p.count; ++i) frozenSentenceIDs_.insert(sentences[i].id);
         frozenSentenceCount_ += p.count;

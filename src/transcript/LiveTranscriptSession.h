@@ -89,7 +89,6 @@ public:
 
     // How many characters a draft must have grown by before it is drafted again.
     static constexpr std::size_t kProvisionalStep = 16;
-    static constexpr double kCaptionSettleSeconds = 10.0;
 
 private:
     void didAppend();

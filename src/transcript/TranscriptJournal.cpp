@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "core/AtomicFile.h"
 #include "transcript/TranscriptEventJson.h"
@@ -18,33 +20,64 @@ fs::path fileFor(const Uuid& id, const fs::path& directory) { return directory /
 
 }  // namespace
 
-TranscriptJournal::TranscriptJournal(const Uuid& recordingID, const fs::path& directory)
-    : url_(fileFor(recordingID, directory)), recordingID_(recordingID) {
+TranscriptJournal::TranscriptJournal(const Uuid& recordingID, const fs::path& directory, ProblemHandler onProblem)
+    : path_(fileFor(recordingID, directory)), recordingID_(recordingID), onProblem_(std::move(onProblem)) {
     std::error_code ec;
     fs::create_directories(directory, ec);
-    fd_ = ::open(url_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (fd_ < 0) return;
+    fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd_ < 0) {
+        report("journal_open_failed", "转写日志打不开", path_.string() + "：" + std::strerror(errno));
+        return;
+    }
     // A killed process may have left half a line. Start on a line of our own, or the first
     // event written now would be glued to that half and lost with it.
     struct stat st {};
     if (::fstat(fd_, &st) == 0 && st.st_size > 0) {
-        const int reader = ::open(url_.c_str(), O_RDONLY | O_CLOEXEC);
+        const int reader = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
         char last = '\n';
         if (reader >= 0) {
             if (::pread(reader, &last, 1, st.st_size - 1) != 1) last = '\n';
             ::close(reader);
         }
-        if (last != '\n') writeAllToDescriptor(fd_, "\n");
+        endsMidLine_ = last != '\n';
     }
 }
 
 TranscriptJournal::~TranscriptJournal() { close(); }
 
+void TranscriptJournal::report(std::string code, std::string title, std::string details) {
+    if (reported_ || !onProblem_) return;
+    reported_ = true;
+    onProblem_(OpenAIDebugLog{DebugEvent::Level::warning, DebugEvent::Category::app, std::move(title),
+                              std::move(details) + "。会话照常进行，但崩溃时这之后的字幕可能找不回来。",
+                              std::move(code)});
+}
+
 void TranscriptJournal::record(const TranscriptEventLog& log) {
     if (fd_ < 0 || written_ >= log.size()) return;
-    const std::string batch = encodeJsonLines(log, written_);
-    written_ = log.size();
-    writeAllToDescriptor(fd_, batch);
+    const std::string lines = encodeJsonLines(log, written_);
+    const std::string batch = endsMidLine_ ? "\n" + lines : lines;
+    const std::size_t lead = batch.size() - lines.size();
+    std::size_t done = 0;
+    int failure = 0;
+    while (done < batch.size()) {
+        const ssize_t n = ::write(fd_, batch.data() + done, batch.size() - done);
+        if (n > 0) {
+            done += std::size_t(n);
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else {
+            failure = n < 0 ? errno : EIO;
+            break;
+        }
+    }
+    if (done < lead) return report("journal_write_failed", "转写日志写入失败", path_.string() + "：" + std::strerror(failure));
+    // Only whole lines count as written; a cut one is closed off and written again.
+    const std::string_view reached = std::string_view(batch).substr(lead, done - lead);
+    written_ += std::size_t(std::count(reached.begin(), reached.end(), '\n'));
+    endsMidLine_ = !reached.empty() && reached.back() != '\n';
+    if (done < batch.size())
+        report("journal_write_failed", "转写日志写入失败", path_.string() + "：" + std::strerror(failure));
 }
 
 void TranscriptJournal::close() {
@@ -55,13 +88,13 @@ void TranscriptJournal::close() {
 void TranscriptJournal::discard() {
     close();
     std::error_code ec;
-    fs::remove(url_, ec);
+    fs::remove(path_, ec);
 }
 
-std::optional<TranscriptJournal::Recovered> TranscriptJournal::recover(const fs::path& url) {
-    const auto id = Uuid::parse(url.stem().string());
+std::optional<TranscriptJournal::Recovered> TranscriptJournal::recover(const fs::path& file) {
+    const auto id = Uuid::parse(file.stem().string());
     if (!id) return std::nullopt;
-    auto bytes = readWholeFile(url);
+    auto bytes = readWholeFile(file);
     if (!bytes) return std::nullopt;
     JsonLinesReading reading = decodeJsonLines(*bytes);
     if (reading.log.empty()) return std::nullopt;

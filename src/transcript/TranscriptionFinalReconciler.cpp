@@ -1,9 +1,11 @@
+#include "transcript/TranscriptionFinalReconciler.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <deque>
 
 #include "core/Text.h"
-#include "transcript/TranslationRouter.h"
+#include "transcript/TranscriptSegmenter.h"
 
 namespace osv::TranscriptionFinalReconciler {
 namespace {
@@ -148,10 +150,11 @@ std::vector<Revision> revisions(std::string_view previous, std::string_view fina
             if (mapped == 0 || double(mapped) < 0.35 * double(lettersAndDigits(s.text))) continue;
             const std::string_view held = text::trimmed(s.text);
             const std::string_view mark = text::lastCharacter(held);
-            static constexpr std::string_view kMarks[] = {"。", ".", "！", "!", "？", "?"};
+            // The ASCII full stop ends no sentence while text streams in (it stands inside
+            // numbers), but as the last mark of a closed one it is kept like the others.
+            const bool endMark = TranscriptSegmenter::isSentenceEnder(mark) || mark == ".";
             const std::string_view last = text::lastCharacter(text::trimmed(candidate));
-            if (std::find(std::begin(kMarks), std::end(kMarks), mark) != std::end(kMarks) &&
-                text::isLetterOrDigit(text::firstScalar(last)))
+            if (endMark && text::isLetterOrDigit(text::firstScalar(last)))
                 candidate = std::string(text::trimmed(candidate)) + std::string(mark);
         }
         // White space doesn't count here either: a final that only spaces the words

@@ -10,6 +10,7 @@
 #include <map>
 #include <sstream>
 
+#include "audio/PCM16WavWriter.h"
 #include "audio/RealtimePCMEncoder.h"
 #include "core/AtomicFile.h"
 #include "core/Json.h"

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <set>
 
@@ -62,6 +63,21 @@ TEST(PreviewTranscript, PlaysEveryLineIntoOneSentenceTheSameEveryTime) {
     PreviewTranscript::play(session, Date(0));
     EXPECT_TRUE(session.snapshot().usesMultipleChannels());
     for (const Sentence& s : session.snapshot().sentences()) EXPECT_TRUE(s.isClosed);
+}
+
+// Offsets from the start are the script's own round numbers, however large the start.
+TEST(PreviewTranscript, CaptionOffsetsCarryNoRoundingNoise) {
+    for (const Date start : {Date(0), Date(800000000.0)}) {
+        LiveTranscriptSession session;
+        const Date end = PreviewTranscript::play(session, start);
+        const auto blocks = session.captionBlocks(true, end).toVector();
+        ASSERT_GT(blocks.size(), 3u);
+        for (const auto& b : blocks) {
+            ASSERT_TRUE(b.startOffset);
+            EXPECT_EQ(*b.startOffset, std::round(*b.startOffset * 1000) / 1000) << start.seconds;
+        }
+        EXPECT_EQ(*blocks[1].startOffset, 3.25);
+    }
 }
 
 }  // namespace

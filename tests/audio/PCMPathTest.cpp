@@ -6,6 +6,9 @@
 #include "audio/ChannelGates.h"
 #include "audio/LiveAudioMixer.h"
 #include "audio/RealtimePCMEncoder.h"
+#include "audio/PCM16WavWriter.h"
+#include "audio/PCM16Resampler.h"
+#include "audio/AudioLevel.h"
 
 namespace osv {
 namespace {

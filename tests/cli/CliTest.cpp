@@ -232,6 +232,60 @@ TEST_F(CliSettings, SetMigratesAndClampsAndShowSurvivesARestart) {
     EXPECT_EQ((*json::parse(runCli({"settings", "show"}).out))["chunk_seconds"], 8.0);  // nothing changed
 }
 
+// A value typed by a person is checked: a wrong one is named with the values that exist,
+// and nothing is written.
+TEST_F(CliSettings, UnknownValuesAreRefusedWithTheKnownOnes) {
+    ASSERT_EQ(runCli({"settings", "set", "capture_mode", "microphone"}).status, kOk);
+    const Result banana = runCli({"settings", "set", "capture_mode", "banana"});
+    EXPECT_EQ(banana.status, kUsage);
+    EXPECT_NE(banana.err.find("\"banana\""), std::string::npos);
+    EXPECT_NE(banana.err.find("mixed, systemAudio, microphone"), std::string::npos);
+    EXPECT_EQ((*json::parse(runCli({"settings", "show"}).out))["capture_mode"], "microphone");
+    for (const char* key : {"skin", "target_language", "perspective", "live_engine", "speech_vendor",
+                            "local_asr_policy", "recognition_language", "caption_text_size", "conversation_scene"})
+        EXPECT_EQ(runCli({"settings", "set", key, "banana"}).status, kUsage) << key;
+
+    const Result mode = runCli({"models", "--mode", "xyz"});
+    EXPECT_EQ(mode.status, kUsage);
+    EXPECT_NE(mode.err.find("unknown mode \"xyz\""), std::string::npos);
+    EXPECT_NE(mode.err.find("interpret, record, assist, coach"), std::string::npos);
+    EXPECT_NE(runCli({"models", "--mode"}).err.find("--mode needs a mode"), std::string::npos);
+    const Result capture = runCli({"audio", "record", "--mode", "banana", "--seconds", "1", "--out", "x"});
+    EXPECT_EQ(capture.status, kUsage);
+    EXPECT_NE(capture.err.find("unknown capture mode \"banana\""), std::string::npos);
+    EXPECT_NE(runCli({"recordings", "export-md", "--out"}).err.find("--out needs a file name"), std::string::npos);
+    const Result url = runCli({"realtime", "probe", "--audio", "a.wav", "--url", "ftp://h/v1"});
+    EXPECT_EQ(url.status, kUsage);
+    EXPECT_NE(url.err.find("http or https"), std::string::npos);
+    EXPECT_NE(runCli({"realtime", "probe", "--audio"}).err.find("--audio needs a value"), std::string::npos);
+}
+
+// Each service's base: the environment, then the settings, then the vendor's own host.
+TEST_F(CliSettings, BaseURLsComeFromTheEnvironmentTheSettingsOrTheDefault) {
+    ::unsetenv("OSV_OPENAI_BASE_URL");
+    ::unsetenv("OSV_GEMINI_BASE_URL");
+    const Result stored = runCli({"settings", "set", "openai_base_url", "http://127.0.0.1:8123/v1"});
+    ASSERT_EQ(stored.status, kOk) << stored.err;
+    Json shown = *json::parse(runCli({"settings", "show"}).out);
+    EXPECT_EQ(shown["openai_base_url"], (Json{{"value", "http://127.0.0.1:8123/v1"}, {"source", "settings"}}));
+    EXPECT_EQ(shown["gemini_base_url"],
+              (Json{{"value", "https://generativelanguage.googleapis.com"}, {"source", "default"}}));
+    EXPECT_EQ(shown["jev_base_url"]["source"], "default");
+    EXPECT_EQ(shown["google_tts_base_url"]["source"], "default");
+
+    ::setenv("OSV_OPENAI_BASE_URL", "http://localhost:9/v1", 1);
+    shown = *json::parse(runCli({"settings", "show"}).out);
+    ::unsetenv("OSV_OPENAI_BASE_URL");
+    EXPECT_EQ(shown["openai_base_url"], (Json{{"value", "http://localhost:9/v1"}, {"source", "environment"}}));
+
+    for (const char* bad : {"api.openai.com/v1", "ftp://h/v1", "wss://h/v1", "https://h/v1?x=1", ""}) {
+        const Result refused = runCli({"settings", "set", "gemini_base_url", bad});
+        EXPECT_EQ(refused.status, kUsage) << bad;
+        EXPECT_NE(refused.err.find("http or https URL"), std::string::npos) << bad;
+    }
+    EXPECT_EQ((*json::parse(runCli({"settings", "show"}).out))["gemini_base_url"]["source"], "default");
+}
+
 TEST_F(CliSettings, KeysComeFromStandardInputAndGoToAnOwnerOnlyFile) {
     const Result stored = runCli({"keys", "set", "gemini"}, "gm-secret-value\n");
     ASSERT_EQ(stored.status, kOk) << stored.err;

@@ -51,5 +51,14 @@ TEST_F(AtomicFileTest, FailureKeepsTheOldFileAndSaysWhy) {
     EXPECT_EQ(readWholeFile(dir / "absent").error().code, "file_missing");
 }
 
+TEST_F(AtomicFileTest, AFileThatFailsToReadIsNoEmptyText) {
+    fs::create_directories(dir / "folder");
+    const auto folder = readWholeFile(dir / "folder");
+    ASSERT_FALSE(folder);
+    EXPECT_EQ(folder.error().code, "file_unreadable");
+    ASSERT_TRUE(writeFileAtomically(dir / "empty", ""));
+    EXPECT_EQ(readWholeFile(dir / "empty").value(), "");
+}
+
 }  // namespace
 }  // namespace osv

@@ -147,5 +147,14 @@ TEST(Text, IncrementalTransformEqualsTheWholeTransformHoweverTheTextIsCut) {
     EXPECT_EQ(IncrementalSimplifier().result(), std::nullopt);
 }
 
+TEST(Text, Utf8ValidityAndAsciiLowercase) {
+    EXPECT_TRUE(isValidUTF8("你好 hello"));
+    EXPECT_TRUE(isValidUTF8(""));
+    for (const std::string& bad : {std::string("\xff"), std::string("\xe4\xbd"), std::string("\xc0\xaf"),
+                                  std::string("\xed\xa0\x80")})  // cut, overlong, surrogate
+        EXPECT_FALSE(isValidUTF8(bad));
+    EXPECT_EQ(asciiLowercase("GPT-4o-Mini Ä"), "gpt-4o-mini Ä");
+}
+
 }  // namespace
 }  // namespace osv::text

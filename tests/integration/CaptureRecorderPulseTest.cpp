@@ -19,6 +19,7 @@
 #include "platform/ffmpeg/AacFileWriter.h"
 #include "platform/pulse/PulseFrameSource.h"
 #include "platform/qt/QtScheduler.h"
+#include "audio/PCM16WavWriter.h"
 
 namespace osv {
 namespace {

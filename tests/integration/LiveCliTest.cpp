@@ -11,6 +11,7 @@
 #include <set>
 
 #include "LoopbackServers.h"
+#include "audio/PCM16WavWriter.h"
 #include "audio/RealtimePCMEncoder.h"
 #include "platform/ffmpeg/AacFileWriter.h"
 #include "platform/ffmpeg/AudioFileDecoder.h"

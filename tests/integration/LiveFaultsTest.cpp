@@ -13,6 +13,7 @@
 #include <map>
 
 #include "LoopbackServers.h"
+#include "audio/PCM16WavWriter.h"
 #include "audio/RealtimePCMEncoder.h"
 #include "core/Base64.h"
 #include "platform/ffmpeg/AudioFileDecoder.h"

@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <optional>
+#include <stdexcept>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -12,6 +15,8 @@
 
 #include "audio/ChannelGates.h"
 #include "audio/RealtimePCMEncoder.h"
+#include "audio/AudioLevel.h"
+#include "core/EntryGuard.h"
 #include "core/Uuid.h"
 #include "platform/pulse/PulseCapture.h"
 
@@ -142,6 +147,114 @@ TEST_F(PulseCaptureTest, SystemSoundIsTheDefaultSinksMonitorAndFollowsASwitch) {
     systemCapture.stop();
     micCapture.stop();
     ASSERT_EQ(std::system("pactl set-default-sink speakers"), 0);
+}
+
+// Collects a capture's events from the capture thread.
+struct Events {
+    std::mutex lock;
+    std::vector<std::pair<std::string, std::string>> seen;  // code, details
+    PulseCapture::OnEvent sink() {
+        return [this](const std::string&, const std::string& details, const std::string& code) {
+            std::lock_guard guard(lock);
+            seen.emplace_back(code, details);
+        };
+    }
+    std::optional<std::string> details(const std::string& code) {
+        std::lock_guard guard(lock);
+        for (const auto& [c, d] : seen)
+            if (c == code) return d;
+        return std::nullopt;
+    }
+};
+
+// Unloads the module that made a device, by the argument that named it.
+void unloadModuleWith(const std::string& argument) {
+    const std::string command = "pactl unload-module $(pactl list short modules | awk '/" + argument + " /{print $1}')";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+}
+
+TEST_F(PulseCaptureTest, AVanishedSinkIsFollowedToTheNewDefault) {
+    Listener system;
+    Events events;
+    PulseCapture capture;
+    ASSERT_TRUE(capture.start(PulseCapture::Follow::defaultSinkMonitor, std::nullopt, system.sink(), events.sink()));
+    ASSERT_EQ(capture.currentDevice(), "speakers.monitor");
+
+    unloadModuleWith("sink_name=speakers");
+    EXPECT_TRUE(waitFor([&] { return events.details("capture_device_followed").has_value(); }));
+    const auto lost = events.details("capture_device_lost");
+    ASSERT_TRUE(lost);
+    EXPECT_NE(lost->find("speakers.monitor"), std::string::npos);
+    const std::string now = capture.currentDevice();
+    EXPECT_TRUE(now == "headphones.monitor" || now == "room.monitor") << now;
+    system.reset();
+    play("zh.wav", now.substr(0, now.size() - 8));
+    EXPECT_TRUE(waitFor([&] { return system.heardSpeech(); }));
+    capture.stop();
+
+    ASSERT_EQ(std::system("pactl load-module module-null-sink sink_name=speakers "
+                          "sink_properties=device.description=Speakers >/dev/null && pactl set-default-sink speakers"),
+              0);
+}
+
+// With the microphone gone the server makes a sink's monitor the default source: the
+// capture does not take the computer's sound for the microphone, says why, and comes back
+// when a microphone does.
+TEST_F(PulseCaptureTest, AVanishedMicrophoneIsNotReplacedByAMonitor) {
+    Listener microphone;
+    Events events;
+    PulseCapture capture;
+    ASSERT_TRUE(capture.start(PulseCapture::Follow::defaultSource, std::nullopt, microphone.sink(), events.sink()));
+    ASSERT_EQ(capture.currentDevice(), "mic");
+
+    unloadModuleWith("source_name=mic");
+    EXPECT_TRUE(waitFor([&] { return events.details("capture_default_is_monitor").has_value(); }));
+    EXPECT_TRUE(events.details("capture_device_lost"));
+    EXPECT_FALSE(events.details("capture_device_followed"));
+    const auto notice = events.details("capture_default_is_monitor");
+    ASSERT_TRUE(notice);
+    const auto devices = listAudioDevices();
+    ASSERT_TRUE(devices);
+    EXPECT_NE(notice->find(devices->defaultSource), std::string::npos) << *notice;
+    EXPECT_NE(notice->find("监听源"), std::string::npos) << *notice;
+
+    PulseCapture another;
+    const auto refused = another.start(PulseCapture::Follow::defaultSource, std::nullopt, {}, {});
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().code, "no_capture_device");
+    EXPECT_NE(refused.error().message.find(devices->defaultSource + " 是输出设备"), std::string::npos)
+        << refused.error().message;
+
+    ASSERT_EQ(std::system("pactl load-module module-remap-source master=room.monitor source_name=mic "
+                          "source_properties=device.description=Microphone >/dev/null && pactl set-default-source mic"),
+              0);
+    EXPECT_TRUE(waitFor([&] { return capture.currentDevice() == "mic" && events.details("capture_device_followed"); }));
+    play("ja.wav", "room");
+    EXPECT_TRUE(waitFor([&] { return microphone.heardSpeech(); }));
+    capture.stop();
+}
+
+// An exception from the frames callback stays in the capture thread's guard.
+TEST_F(PulseCaptureTest, AThrowingFramesCallbackDoesNotEndTheCapture) {
+    std::vector<std::string> caught;
+    std::mutex lock;
+    setEscapedExceptionHandler([&](std::string_view where, std::string_view) {
+        std::lock_guard guard(lock);
+        caught.emplace_back(where);
+    });
+    std::atomic<std::size_t> calls{0};
+    PulseCapture capture;
+    ASSERT_TRUE(capture.start(PulseCapture::Follow::defaultSinkMonitor, std::nullopt,
+                              [&](const float*, std::size_t, const PulseCapture::Format&) {
+                                  if (calls++ < 3) throw std::runtime_error("temp_directory_path: no folder");
+                              },
+                              {}));
+    EXPECT_TRUE(waitFor([&] { return calls > 20; }));
+    EXPECT_TRUE(capture.isRunning());
+    capture.stop();
+    setEscapedExceptionHandler({});
+    std::lock_guard guard(lock);
+    EXPECT_EQ(caught, (std::vector<std::string>{"PulseCapture frames"}));
 }
 
 }  // namespace

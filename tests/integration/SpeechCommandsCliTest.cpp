@@ -11,6 +11,8 @@
 #include <fstream>
 
 #include "LoopbackServers.h"
+#include "audio/PCM16WavWriter.h"
+#include "audio/PCM16Resampler.h"
 #include "audio/RealtimePCMEncoder.h"
 #include "core/Base64.h"
 #include "platform/ffmpeg/AudioFileDecoder.h"

@@ -3,6 +3,8 @@
 #include <cmath>
 #include <filesystem>
 
+#include "audio/PCM16WavWriter.h"
+#include "audio/AudioLevel.h"
 #include "audio/RealtimePCMEncoder.h"
 #include "core/AtomicFile.h"
 #include "core/Uuid.h"

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 
 #include "core/AtomicFile.h"
@@ -54,6 +55,40 @@ TEST_F(FileDefaults, AnUnreadableFileIsSetAsideNotOverwritten) {
             keptAside = readWholeFile(e.path()).value() == "{\"capture_mode\": \"mixed\", broken";
     EXPECT_TRUE(keptAside);
     EXPECT_EQ(FileUserDefaults(dir).string("skin"), "pine");
+}
+
+// Earlier copies set aside in the same seconds stand in the way: nothing may replace them,
+// so the broken file can't be set aside and must not be written over either.
+TEST_F(FileDefaults, WhatCanNotBeSetAsideIsNeverWrittenOver) {
+    const std::string broken = "{\"capture_mode\": \"mixed\", broken";
+    ASSERT_TRUE(writeFileAtomically(dir / "defaults.json", broken));
+    const auto now = std::chrono::duration_cast<std::chrono::seconds>(
+                         std::chrono::system_clock::now().time_since_epoch()).count();
+    for (auto t = now - 1; t <= now + 30; ++t)
+        ASSERT_TRUE(writeFileAtomically(dir / ("defaults.json.corrupt-" + std::to_string(t)), "earlier"));
+    {
+        FileUserDefaults d(dir);
+        ASSERT_TRUE(d.loadProblem());
+        EXPECT_NE(d.loadProblem()->find("不会写回"), std::string::npos);
+        EXPECT_FALSE(d.isWritable());
+        d.set("skin", std::string("pine"));
+        EXPECT_EQ(d.string("skin"), "pine");  // in memory, for this run
+        EXPECT_FALSE(d.synchronize());
+    }
+    EXPECT_EQ(readWholeFile(dir / "defaults.json").value(), broken);
+    for (auto t = now - 1; t <= now + 30; ++t)
+        EXPECT_EQ(readWholeFile(dir / ("defaults.json.corrupt-" + std::to_string(t))).value(), "earlier");
+}
+
+// A path that can't even be read (here a folder) is left as it is.
+TEST_F(FileDefaults, AnUnreadablePathIsLeftAlone) {
+    fs::create_directories(dir / "defaults.json" / "inside");
+    FileUserDefaults d(dir);
+    ASSERT_TRUE(d.loadProblem());
+    EXPECT_FALSE(d.isWritable());
+    d.set("skin", std::string("pine"));
+    EXPECT_FALSE(d.synchronize());
+    EXPECT_TRUE(fs::is_directory(dir / "defaults.json" / "inside"));
 }
 
 TEST_F(FileDefaults, ValuesOfUnknownShapeSurviveASave) {

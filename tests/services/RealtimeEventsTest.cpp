@@ -2,6 +2,7 @@
 
 #include "services/RealtimeServerEvent.h"
 #include "services/ServiceEndpoints.h"
+#include "settings/UserDefaults.h"
 
 namespace osv {
 namespace {
@@ -27,6 +28,29 @@ TEST(ServiceEndpoints, BasesThatAreNoHttpURLWithAHostAreRefused) {
     for (const char* bad : {"", "api.openai.com/v1", "ftp://h/v1", "wss://h/v1", "https:///v1", "https://:80/v1",
                             "https://h/v1?x=1", "https://h h/v1"})
         EXPECT_EQ(webSocketEndpointURL(bad, "/realtime/translations"), std::nullopt) << bad;
+}
+
+TEST(ServiceEndpoints, TheEnvironmentThenTheSettingsThenTheDefault) {
+    MemoryUserDefaults settings;
+    settings.set("openai_base_url", std::string("http://127.0.0.1:1/v1"));
+    settings.set("gemini_base_url", std::string(" http://127.0.0.1:2 "));
+    settings.set("jev_base_url", std::string("ftp://edited-by-hand"));  // passed over
+    ServiceEndpoints::Sources sources{};
+    const auto e = ServiceEndpoints::resolve(
+        settings,
+        [](const char* name) -> std::optional<std::string> {
+            if (std::string(name) == "OSV_OPENAI_BASE_URL") return "http://127.0.0.1:3/v1";
+            return std::nullopt;
+        },
+        &sources);
+    EXPECT_EQ(e.openAI, "http://127.0.0.1:3/v1");
+    EXPECT_EQ(e.gemini, "http://127.0.0.1:2");
+    EXPECT_EQ(e.googleTTS, ServiceEndpoints().googleTTS);
+    EXPECT_EQ(e.jev, ServiceEndpoints().jev);
+    using S = ServiceEndpoints::Source;
+    EXPECT_EQ(sources, (ServiceEndpoints::Sources{S::environment, S::settings, S::builtIn, S::builtIn}));
+    EXPECT_TRUE(isServiceBaseURL("https://api.openai.com/v1"));
+    EXPECT_FALSE(isServiceBaseURL("wss://api.openai.com/v1"));
 }
 
 TEST(ServiceEndpoints, EachVariableOverridesItsServiceAndBlankMeansUnset) {

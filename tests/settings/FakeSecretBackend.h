@@ -12,6 +12,7 @@ public:
     std::map<std::pair<std::string, std::string>, std::string> items;
     bool available = true;
     bool failWrites = false;
+    bool loseWrites = false;  // writes report success and store nothing
     int calls = 0;
 
     bool isAvailable() override { return available; }
@@ -25,6 +26,7 @@ public:
     int update(const std::string& s, const std::string& a, const std::string& v) override {
         ++calls;
         if (failWrites) return -61;
+        if (loseWrites) return kSuccess;
         auto it = items.find({s, a});
         if (it == items.end()) return kItemNotFound;
         it->second = v;
@@ -33,6 +35,7 @@ public:
     int add(const std::string& s, const std::string& a, const std::string& v) override {
         ++calls;
         if (failWrites) return -61;
+        if (loseWrites) return kSuccess;
         items[{s, a}] = v;
         return kSuccess;
     }

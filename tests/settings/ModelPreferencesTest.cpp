@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "settings/ModelPreferences.h"
+#include "settings/ModelWiring.h"
 #include "settings/TranslatorSettings.h"
 
 namespace osv {

@@ -47,6 +47,20 @@ TEST_F(SecretStoreTest, UnderTheTestSuiteOnlyFallbackFilesAreUsed) {
     EXPECT_EQ(backend.calls, 0);  // the secret store was never touched
 }
 
+// Only the environment tells: the program's own name decides nothing.
+TEST_F(SecretStoreTest, ATestRunIsKnownByTheEnvironmentAlone) {
+    ::unsetenv("OSV_KEYCHAIN_TESTS");
+    ASSERT_TRUE(runningUnderTestSuite());  // set by every test program for itself
+    const std::string saved = std::getenv("OSV_TEST_RUN");
+    ::unsetenv("OSV_TEST_RUN");
+    const bool underTests = runningUnderTestSuite();
+    SecretStore store(&backend, dir);
+    const bool reachable = store.keychainIsReachable();
+    ::setenv("OSV_TEST_RUN", saved.c_str(), 1);
+    EXPECT_FALSE(underTests);
+    EXPECT_TRUE(reachable);
+}
+
 TEST_F(SecretStoreTest, WritesGoToTheSecretStoreAndFallBackToAFileWhenItFails) {
     SecretStore store(&backend, dir);
     ASSERT_TRUE(store.keychainIsReachable());
@@ -94,6 +108,39 @@ TEST_F(SecretStoreTest, AdoptsKeysFromTheLegacyAccountAndTheDefaults) {
     defaults.set("openai_api_key", std::string("   "));
     EXPECT_EQ(store.adoptedKey("openai_api_key", SecretLocation::openAI(), defaults), std::nullopt);
     EXPECT_FALSE(defaults.object("openai_api_key"));
+}
+
+TEST_F(SecretStoreTest, ALegacyKeyStaysWhereItIsUntilItsNewPlaceHoldsIt) {
+    MemoryUserDefaults defaults;
+    defaults.set("openai_api_key", std::string("from-defaults"));
+    backend.items[{"com.ossevra.app", "openai-api-key"}] = "legacy-account";
+
+    // Neither the secret store nor the fallback file (its folder is a file) takes the key.
+    ASSERT_TRUE(writeFileAtomically(dir / "in-the-way", ""));
+    SecretStore blocked(&backend, dir / "in-the-way");
+    backend.failWrites = true;
+    EXPECT_EQ(blocked.adoptedKey("openai_api_key", SecretLocation::openAI(), defaults), "legacy-account");
+    EXPECT_EQ(backend.items.at({"com.ossevra.app", "openai-api-key"}), "legacy-account");
+    backend.items.clear();
+    EXPECT_EQ(blocked.adoptedKey("openai_api_key", SecretLocation::openAI(), defaults), "from-defaults");
+    EXPECT_EQ(defaults.string("openai_api_key"), "from-defaults");
+
+    // A store that says yes and keeps nothing is found out by reading the key back.
+    backend.failWrites = false;
+    backend.loseWrites = true;
+    backend.items[{"com.ossevra.app", "openai-api-key"}] = "legacy-account";
+    SecretStore lossy(&backend, dir);
+    EXPECT_EQ(lossy.adoptedKey("openai_api_key", SecretLocation::openAI(), defaults), "legacy-account");
+    EXPECT_EQ(backend.items.at({"com.ossevra.app", "openai-api-key"}), "legacy-account");
+    backend.items.clear();
+    EXPECT_EQ(lossy.adoptedKey("openai_api_key", SecretLocation::openAI(), defaults), "from-defaults");
+    EXPECT_EQ(defaults.string("openai_api_key"), "from-defaults");
+
+    // Once the key is stored, the next launch moves it.
+    backend.loseWrites = false;
+    EXPECT_EQ(lossy.adoptedKey("openai_api_key", SecretLocation::openAI(), defaults), "from-defaults");
+    EXPECT_FALSE(defaults.object("openai_api_key"));
+    EXPECT_EQ(lossy.apiKey(SecretLocation::openAI()), "from-defaults");
 }
 
 }  // namespace

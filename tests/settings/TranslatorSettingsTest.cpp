@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <limits>
 
@@ -119,6 +120,33 @@ TEST_F(Settings, SaveWritesBackNormalisedAndLeavesTheKeyAloneUntilItLoaded) {
     EXPECT_EQ(report.events[0].code, "google_key_write_failed");
     EXPECT_EQ(report.events[0].details.find("secret-google-value"), std::string::npos);
     EXPECT_EQ(defaults.string("glossary"), "术语");
+}
+
+// What the save writes, a person can set: each key is known, with the type it is read as,
+// and an enumeration's value is one of the names its key lists.
+TEST(SettingKeys, EveryStoredValueIsAKnownKeyOfItsType) {
+    MemoryUserDefaults written;
+    writeSettingValues(TranslatorSettings{}, written);
+    ASSERT_GE(written.values().size(), 28u);
+    for (const auto& [key, value] : written.values()) {
+        const auto known = std::find_if(settingKeys().begin(), settingKeys().end(),
+                                        [&](const SettingKey& k) { return k.key == key; });
+        ASSERT_NE(known, settingKeys().end()) << key;
+        switch (known->type) {
+            case SettingType::text:
+            case SettingType::baseURL: {
+                ASSERT_TRUE(std::holds_alternative<std::string>(value)) << key;
+                const auto& text = std::get<std::string>(value);
+                if (!known->names.empty()) {
+                    EXPECT_NE(std::find(known->names.begin(), known->names.end(), text), known->names.end()) << key;
+                }
+                break;
+            }
+            case SettingType::number: EXPECT_TRUE(std::holds_alternative<double>(value)) << key; break;
+            case SettingType::boolean: EXPECT_TRUE(std::holds_alternative<bool>(value)) << key; break;
+            case SettingType::data: EXPECT_TRUE(std::holds_alternative<UserDefaults::Data>(value)) << key; break;
+        }
+    }
 }
 
 }  // namespace

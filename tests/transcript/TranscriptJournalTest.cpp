@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 
 #include "LogBuilder.h"
@@ -121,6 +123,51 @@ TEST_F(Journal, ReopeningAfterACutOffLineStartsOnALineOfItsOwn) {
     ASSERT_TRUE(recovered);
     ASSERT_EQ(recovered->log.size(), 3u);
     EXPECT_EQ(recovered->log.events[2], sampleLog(1).events[0]);
+}
+
+// The file size limit stands in for a full disk: it cuts a write in the middle of a line.
+TEST_F(Journal, AFailedWriteIsToldOnceAndItsEventsArriveLater) {
+    const Uuid id = Uuid::random();
+    std::vector<OpenAIDebugLog> problems;
+    const TranscriptEventLog log = sampleLog(6);
+    TranscriptEventLog firstPart;
+    firstPart.events.assign(log.events.begin(), log.events.begin() + 2);
+    TranscriptJournal journal(id, dir, [&](const OpenAIDebugLog& p) { problems.push_back(p); });
+    journal.record(firstPart);
+    const auto size = fs::file_size(journal.path());
+
+    struct rlimit old {};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
+    const auto previous = ::signal(SIGXFSZ, SIG_IGN);
+    struct rlimit tight = old;
+    tight.rlim_cur = size + 30;
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &tight), 0);
+    journal.record(log);
+    journal.record(log);
+    ::setrlimit(RLIMIT_FSIZE, &old);
+    ::signal(SIGXFSZ, previous);
+
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_EQ(problems[0].code, "journal_write_failed");
+    EXPECT_EQ(problems[0].level, DebugEvent::Level::warning);
+    EXPECT_EQ(journal.written(), 2u);
+    journal.record(log);
+    EXPECT_EQ(journal.written(), 6u);
+    EXPECT_EQ(problems.size(), 1u);
+    const auto recovered = TranscriptJournal::recover(journal.path());
+    ASSERT_TRUE(recovered);
+    EXPECT_EQ(recovered->log.events, log.events);
+}
+
+TEST_F(Journal, AJournalThatCanNotOpenSaysSoOnce) {
+    ASSERT_TRUE(writeFileAtomically(dir / "not-a-folder", ""));
+    std::vector<OpenAIDebugLog> problems;
+    TranscriptJournal journal(Uuid::random(), dir / "not-a-folder", [&](const OpenAIDebugLog& p) { problems.push_back(p); });
+    EXPECT_FALSE(journal.isOpen());
+    journal.record(sampleLog(2));
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_EQ(problems[0].code, "journal_open_failed");
+    EXPECT_EQ(journal.written(), 0u);
 }
 
 TEST_F(Journal, RecoverNeedsAUuidNameAndSomethingReadable) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "LogBuilder.h"
+#include "transcript/TranscriptionFinalReconciler.h"
 #include "transcript/TranslationRouter.h"
 
 namespace osv::TranscriptionFinalReconciler {

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <mutex>
 
+#include "core/EntryGuard.h"
+
 namespace osv {
 namespace {
 
@@ -84,10 +86,12 @@ void readDefaults(Connection& c, ServerDefaults& out) {
         c.context,
         [](pa_context*, const pa_server_info* i, void* u) {
             auto* j = static_cast<Job*>(u);
-            if (i) {
-                j->out->sink = i->default_sink_name ? i->default_sink_name : "";
-                j->out->source = i->default_source_name ? i->default_source_name : "";
-            }
+            guardEntry("PulseAudio server info", [&] {
+                if (i) {
+                    j->out->sink = i->default_sink_name ? i->default_sink_name : "";
+                    j->out->source = i->default_source_name ? i->default_source_name : "";
+                }
+            });
             pa_threaded_mainloop_signal(j->c->loop, 0);
         },
         &job));
@@ -112,9 +116,13 @@ void readDevices(Connection& c, AudioDevices& out) {
                 pa_threaded_mainloop_signal(j->c->loop, 0);
                 return;
             }
-            AudioDevice d{i->name, i->description ? i->description : "", false, i->monitor_of_sink != PA_INVALID_INDEX,
-                          looksEchoCancelling(i->name, i->driver), int(i->sample_spec.rate), int(i->sample_spec.channels)};
-            j->out->sources.push_back(std::move(d));
+            guardEntry("PulseAudio source list", [&] {
+                const bool monitor = i->monitor_of_sink != PA_INVALID_INDEX;
+                j->out->sources.push_back(AudioDevice{i->name, i->description ? i->description : "", false, monitor,
+                                                      looksEchoCancelling(i->name, i->driver), int(i->sample_spec.rate),
+                                                      int(i->sample_spec.channels),
+                                                      monitor && i->monitor_of_sink_name ? i->monitor_of_sink_name : ""});
+            });
         },
         &job));
     c.wait(pa_context_get_sink_info_list(
@@ -125,10 +133,19 @@ void readDevices(Connection& c, AudioDevices& out) {
                 pa_threaded_mainloop_signal(j->c->loop, 0);
                 return;
             }
-            j->out->sinks.push_back(AudioDevice{i->name, i->description ? i->description : "", false, false, false,
-                                                int(i->sample_spec.rate), int(i->sample_spec.channels)});
+            guardEntry("PulseAudio sink list", [&] {
+                j->out->sinks.push_back(AudioDevice{i->name, i->description ? i->description : "", false, false, false,
+                                                    int(i->sample_spec.rate), int(i->sample_spec.channels), ""});
+            });
         },
         &job));
+}
+
+// Says which source it is and that it only monitors a sink, so that the user knows which
+// setting to change.
+std::string monitorIsNoMicrophone(const std::string& source, const std::string& sink) {
+    return "默认输入 " + source + " 是输出设备 " + (sink.empty() ? std::string("（未知）") : sink) +
+           " 的监听源（电脑正在播放的声音），不是麦克风。请在系统的声音设置里把默认输入换成麦克风。";
 }
 
 }  // namespace
@@ -162,6 +179,7 @@ struct PulseCapture::Impl {
     Format format;
     std::string device;
     bool pinnedToEchoCancel = false;
+    std::string refusedMonitor;  // the monitor last refused as a microphone
     OnFrames onFrames;
     OnEvent onEvent;
     std::atomic<bool> running{false};
@@ -214,14 +232,18 @@ struct PulseCapture::Impl {
             if (bytes == 0) return;
             if (data && self->onFrames) {
                 const std::size_t frames = bytes / (sizeof(float) * std::size_t(self->format.channels));
-                self->onFrames(static_cast<const float*>(data), frames, self->format);
+                // Dropped after a failure too, or the same fragment would come back forever.
+                guardEntry("PulseCapture frames", [&] { self->onFrames(static_cast<const float*>(data), frames, self->format); });
             }
             pa_stream_drop(s);
         }
     }
 
     static void onStreamState(pa_stream* s, void* u) {
-        auto* self = static_cast<Impl*>(u);
+        guardEntry("PulseCapture stream state", [&] { streamStateChanged(s, static_cast<Impl*>(u)); });
+    }
+
+    static void streamStateChanged(pa_stream* s, Impl* self) {
         if (pa_stream_get_state(s) != PA_STREAM_FAILED) return;
         if (self->onEvent)
             self->onEvent("采集设备不见了", "device: " + self->device + "\n等声音服务给出新的默认设备后接着采集。",
@@ -232,15 +254,47 @@ struct PulseCapture::Impl {
     }
 
     static void onServerInfo(pa_context*, const pa_server_info* i, void* u) {
-        auto* self = static_cast<Impl*>(u);
+        guardEntry("PulseCapture server info", [&] { serverInfoArrived(i, static_cast<Impl*>(u)); });
+    }
+
+    static void serverInfoArrived(const pa_server_info* i, Impl* self) {
         if (!i || !self->running || self->pinnedToEchoCancel) return;
         ServerDefaults d{i->default_sink_name ? i->default_sink_name : "", i->default_source_name ? i->default_source_name : ""};
         const std::string next = self->wanted(d);
-        const bool streamAlive = self->stream && PA_STREAM_IS_GOOD(pa_stream_get_state(self->stream));
-        if (next.empty() || (next == self->device && streamAlive)) return;
-        const std::string previous = self->device;
-        if (self->connectStream(next) && self->onEvent)
-            self->onEvent("采集跟随默认设备切换", "from: " + previous + "\nto: " + next, "capture_device_followed");
+        if (next.empty() || self->isCapturing(next)) return;
+        if (self->follow == Follow::defaultSinkMonitor) return self->switchTo(next);
+        // When the last microphone goes, the server makes some sink's monitor the default
+        // source: that is the computer's sound, not a microphone, so look before following.
+        pa_operation* op = pa_context_get_source_info_by_name(self->connection.context, next.c_str(),
+                                                              &Impl::onCandidateSource, self);
+        if (op) pa_operation_unref(op);
+    }
+
+    static void onCandidateSource(pa_context*, const pa_source_info* i, int eol, void* u) {
+        if (eol || !i) return;
+        guardEntry("PulseCapture source info", [&] {
+            auto* self = static_cast<Impl*>(u);
+            if (!self->running || self->isCapturing(i->name)) return;
+            if (i->monitor_of_sink == PA_INVALID_INDEX) return self->switchTo(i->name);
+            if (self->refusedMonitor == i->name) return;  // said once for this source
+            self->refusedMonitor = i->name;
+            if (self->onEvent)
+                self->onEvent("麦克风不见了，默认输入不是麦克风",
+                              monitorIsNoMicrophone(i->name, i->monitor_of_sink_name ? i->monitor_of_sink_name : "") +
+                                  "\n换好之后会自动接着采集。",
+                              "capture_default_is_monitor");
+        });
+    }
+
+    bool isCapturing(const std::string& name) const {
+        return name == device && stream && PA_STREAM_IS_GOOD(pa_stream_get_state(stream));
+    }
+
+    void switchTo(const std::string& next) {
+        const std::string previous = device;
+        refusedMonitor.clear();
+        if (connectStream(next) && onEvent)
+            onEvent("采集跟随默认设备切换", "from: " + previous + "\nto: " + next, "capture_device_followed");
     }
 
     static void onSubscription(pa_context* c, pa_subscription_event_type_t type, std::uint32_t, void* u) {
@@ -283,8 +337,11 @@ Expected<void> PulseCapture::start(Follow follow, std::optional<Format> format, 
     if (device.empty() || !chosen || (follow == Follow::defaultSource && chosen->isMonitor)) {
         pa_threaded_mainloop_unlock(m.connection.loop);
         m.connection.close();
-        return Error{"no_capture_device", follow == Follow::defaultSource ? "没有可用的麦克风输入设备。"
-                                                                            : "找不到可捕获的电脑声音（默认输出设备的监听源）。"};
+        if (follow == Follow::defaultSinkMonitor)
+            return Error{"no_capture_device", "找不到可捕获的电脑声音（默认输出设备的监听源）。"};
+        if (chosen && chosen->isMonitor)
+            return Error{"no_capture_device", "没有可用的麦克风输入设备。" + monitorIsNoMicrophone(chosen->name, chosen->monitoredSink)};
+        return Error{"no_capture_device", "没有可用的麦克风输入设备。"};
     }
     m.format = format.value_or(Format{chosen->sampleRate, chosen->channels});
     const bool connected = m.connectStream(device);

@@ -24,6 +24,7 @@ struct AudioDevice {
     bool isEchoCancel = false;  // an echo-cancelling source: stands for voice processing
     int sampleRate = 0;
     int channels = 0;
+    std::string monitoredSink;  // the sink a monitor listens to
 };
 
 struct AudioDevices {
@@ -47,6 +48,10 @@ public:
     // Interleaved float frames, on the capture thread.
     using OnFrames = std::function<void(const float* interleaved, std::size_t frames, const Format& format)>;
     // Device changes and losses, on the capture thread: a title, details and a code.
+    // "capture_device_lost": the device went away; the capture waits for the server's new
+    // default. "capture_device_followed": it moved to that default.
+    // "capture_default_is_monitor": a microphone capture whose new default source is a
+    // sink's monitor, which it does not take; it waits for a real source.
     using OnEvent = std::function<void(const std::string& title, const std::string& details, const std::string& code)>;
 
     PulseCapture();

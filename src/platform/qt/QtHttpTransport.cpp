@@ -10,6 +10,8 @@
 
 #include <cmath>
 
+#include "core/EntryGuard.h"
+
 namespace osv {
 namespace {
 
@@ -55,7 +57,8 @@ public:
         } else {
             reply_ = manager.sendCustomRequest(networkRequest, verb, bytes(request.body));
         }
-        QObject::connect(reply_, &QNetworkReply::finished, context_.get(), [this] { finished(); });
+        QObject::connect(reply_, &QNetworkReply::finished, context_.get(),
+                         [this] { guardEntry("HTTP completion", [this] { finished(); }); });
         timer_.setSingleShot(true);
         QObject::connect(&timer_, &QTimer::timeout, context_.get(), [this] {
             timedOut_ = true;

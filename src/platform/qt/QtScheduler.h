@@ -8,6 +8,7 @@
 #include "core/Scheduler.h"
 
 class QObject;
+class QThreadPool;
 
 namespace osv {
 
@@ -15,7 +16,8 @@ class QtScheduler final : public Scheduler {
 public:
     // Create on the main thread, with its QCoreApplication already there.
     QtScheduler();
-    // Tasks and timers not yet run are dropped.
+    // Waits for the background work still running (it may post back to this scheduler);
+    // tasks and timers not yet run are then dropped.
     ~QtScheduler() override;
 
     Date now() const override;
@@ -24,8 +26,12 @@ public:
     TimerHandle after(double seconds, std::function<void()> task) override;
     void runInBackground(std::function<void()> work) override;
 
+    // Timers armed and neither fired nor cancelled (a cancelled one is stopped and freed).
+    std::size_t armedTimerCount() const;
+
 private:
     std::unique_ptr<QObject> context_;
+    std::unique_ptr<QThreadPool> pool_;
 };
 
 }  // namespace osv

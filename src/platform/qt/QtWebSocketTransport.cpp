@@ -8,6 +8,8 @@
 
 #include <cmath>
 
+#include "core/EntryGuard.h"
+
 namespace osv {
 namespace {
 
@@ -22,14 +24,18 @@ public:
         QObject::connect(socket_, &QWebSocket::connected, ctx, [this] {
             opened_ = true;
             timeout_.stop();
-            if (handlers_.onOpen) handlers_.onOpen();
+            if (handlers_.onOpen) guardEntry("WebSocket open", handlers_.onOpen);
         });
         QObject::connect(socket_, &QWebSocket::textMessageReceived, ctx, [this](const QString& message) {
-            if (handlers_.onFrame && !ended_) handlers_.onFrame({WebSocketFrame::Kind::text, message.toStdString()});
+            if (handlers_.onFrame && !ended_)
+                guardEntry("WebSocket frame", [&] { handlers_.onFrame({WebSocketFrame::Kind::text, message.toStdString()}); });
         });
         QObject::connect(socket_, &QWebSocket::binaryMessageReceived, ctx, [this](const QByteArray& message) {
             if (handlers_.onFrame && !ended_)
-                handlers_.onFrame({WebSocketFrame::Kind::binary, std::string(message.constData(), std::size_t(message.size()))});
+                guardEntry("WebSocket frame", [&] {
+                    handlers_.onFrame(
+                        {WebSocketFrame::Kind::binary, std::string(message.constData(), std::size_t(message.size()))});
+                });
         });
         // Emitted whenever the socket closes. Before any error it is Qt answering the peer's
         // close frame; a lost connection reports its error first.
@@ -131,7 +137,7 @@ private:
         // The handler may destroy this connection: nothing of it is touched afterwards.
         auto onEnd = std::move(handlers_.onEnd);
         handlers_ = {};
-        if (onEnd) onEnd(end);
+        if (onEnd) guardEntry("WebSocket end", [&] { onEnd(end); });
     }
 
     Handlers handlers_;

@@ -1,6 +1,10 @@
 #include "platform/storage/FileUserDefaults.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 
 #include "core/AtomicFile.h"
 #include "core/Base64.h"
@@ -21,23 +25,29 @@ struct FileUserDefaults::Document {
 FileUserDefaults::FileUserDefaults(fs::path directory)
     : path_(directory / "defaults.json"), doc_(std::make_unique<Document>()) {
     auto bytes = readWholeFile(path_);
-    if (!bytes) {
-        if (bytes.error().code != "file_missing") loadProblem_ = bytes.error().message;
+    if (bytes) {
+        auto parsed = json::parse(*bytes);
+        if (parsed && parsed->is_object()) {
+            doc_->values = std::move(*parsed);
+            return;
+        }
+    } else if (bytes.error().code == "file_missing") {
         return;
     }
-    auto parsed = json::parse(*bytes);
-    if (parsed && parsed->is_object()) {
-        doc_->values = std::move(*parsed);
-        return;
-    }
-    // Never write over what can't be read: keep it beside, then start from defaults.
+    // Never write over what can't be read. A hard link keeps the very bytes aside without
+    // reading them (the file may not be readable at all) and never replaces an earlier
+    // copy; the file itself is then free to be written anew.
     const auto stamp = std::chrono::duration_cast<std::chrono::seconds>(
                            std::chrono::system_clock::now().time_since_epoch()).count();
     const fs::path aside = path_.string() + ".corrupt-" + std::to_string(stamp);
-    std::error_code ec;
-    fs::copy_file(path_, aside, fs::copy_options::overwrite_existing, ec);
-    loadProblem_ = ec ? "设置文件无法读取，也没能另存：" + ec.message()
-                      : "设置文件无法读取，已另存为 " + aside.filename().string() + "，这次用默认设置启动。";
+    if (::link(path_.c_str(), aside.c_str()) == 0) {
+        loadProblem_ = "设置文件无法读取，已另存为 " + aside.filename().string() + "，这次用默认设置启动。";
+        return;
+    }
+    const std::string why = std::strerror(errno);
+    writable_ = false;
+    loadProblem_ = "设置文件无法读取，也没能另存（" + why + "）：这次只在内存里用默认设置，不会写回 " +
+                   path_.filename().string() + "。";
 }
 
 FileUserDefaults::~FileUserDefaults() = default;
@@ -73,6 +83,9 @@ void FileUserDefaults::set(std::string_view key, Value value) {
 
 void FileUserDefaults::remove(std::string_view key) { doc_->values.erase(std::string(key)); }
 
-bool FileUserDefaults::synchronize() { return writeFileAtomically(path_, json::dumpPretty(doc_->values) + "\n").ok(); }
+bool FileUserDefaults::synchronize() {
+    if (!writable_) return false;
+    return writeFileAtomically(path_, json::dumpPretty(doc_->values) + "\n").ok();
+}
 
 }  // namespace osv
