@@ -1,0 +1,65 @@
+// The window program. One instance per user: a second launch asks the first to show its
+// window and exits.
+
+#include <QGuiApplication>
+#include <QLocalServer>
+#include <QLocalSocket>
+#include <QQmlApplicationEngine>
+#include <QQuickWindow>
+#include <QtQml/qqmlextensionplugin.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "core/Paths.h"
+#include "screens/AppShell.h"
+#include "screens/ScreensEngine.h"
+
+Q_IMPORT_QML_PLUGIN(Ossevra_ScreensPlugin)
+
+namespace {
+
+QString instanceName() { return QStringLiteral("ossevra-window-%1").arg(::getuid()); }
+
+bool raiseRunningInstance() {
+    QLocalSocket socket;
+    socket.connectToServer(instanceName());
+    if (!socket.waitForConnected(500)) return false;
+    socket.write("raise\n");
+    socket.waitForBytesWritten(500);
+    socket.disconnectFromServer();
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    QGuiApplication app(argc, argv);
+    QGuiApplication::setApplicationName(QStringLiteral("Ossevra"));
+    QGuiApplication::setApplicationDisplayName(QStringLiteral("Ossevra 同传"));
+    QGuiApplication::setDesktopFileName(QStringLiteral("ossevra"));
+
+    if (raiseRunningInstance()) {
+        std::fputs("ossevra: 已在运行，已切换到它的窗口。\n", stderr);
+        return 0;
+    }
+    QLocalServer server;
+    QLocalServer::removeServer(instanceName());  // a name left behind by a crash
+    server.listen(instanceName());
+
+    osv::AppShell::Options options;
+    options.supportDirectory = osv::supportDirectory();
+    options.configDirectory = osv::configDirectory();
+    osv::AppShell shell(options);
+    QObject::connect(&server, &QLocalServer::newConnection, &shell, [&] {
+        while (QLocalSocket* peer = server.nextPendingConnection()) {
+            QObject::connect(peer, &QLocalSocket::disconnected, peer, &QObject::deleteLater);
+            emit shell.raiseRequested();
+        }
+    });
+
+    QQmlApplicationEngine engine;
+    if (!osv::loadMainWindow(engine, shell)) return 1;
+    return QGuiApplication::exec();
+}
