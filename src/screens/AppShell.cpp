@@ -144,7 +144,7 @@ void AppShell::observed(const LiveState& state) {
 
 void AppShell::debugEvent(const DebugEvent& event) {
     debug_->append(event);
-    if (demoRuntime_ && event.code == "capture_file_ended" && ++demoFilesEnded_ == 2) {
+    if (demoRuntime_ && options_.demoStopsItself && event.code == "capture_file_ended" && ++demoFilesEnded_ == 2) {
         const int generation = demoGeneration_;
         QTimer::singleShot(kDemoTailMilliseconds, this, [this, generation] {
             if (generation == demoGeneration_ && demoRuntime_) demoRuntime_->controller().stopLiveInterpretation();

@@ -47,6 +47,8 @@ public:
         std::filesystem::path configDirectory;
         // Where the demo keeps its recordings; empty: a new temporary folder per demo.
         std::filesystem::path demoSupportDirectory;
+        // The demo stops by itself once its conversation has been played.
+        bool demoStopsItself = true;
     };
 
     explicit AppShell(Options options, QObject* parent = nullptr);

@@ -7,7 +7,9 @@
 
 #include "core/AtomicFile.h"
 #include "recordings/RecordingLibrary.h"
+#include "transcript/CaptionBlocks.h"
 #include "transcript/CaptionGrouping.h"
+#include "transcript/TranscriptReadModel.h"
 
 namespace osv {
 
@@ -38,8 +40,28 @@ QString dateText(Date date) {
     return QDateTime::fromMSecsSinceEpoch(date.unixMilliseconds()).toString(QStringLiteral("yyyy-MM-dd HH:mm"));
 }
 
-// Blocks of a stored recording break softly after this many characters of source.
+// Blocks of a stored recording without an event log break softly after this many
+// characters of source.
 constexpr int kSoftBreakAfter = 120;
+
+// A stored recording's blocks: from its event log, as the session showed them (channels,
+// translations, readings), else from the older segment form.
+std::vector<CaptionGrouping::CaptionBlock> storedBlocks(RecordingLibrary& library, const RecordingEntry& entry) {
+    if (auto log = library.loadEventLog(entry.id); log && !log->empty()) {
+        TranscriptReadModel::Fold fold;
+        fold.advance(*log);
+        const TranscriptSnapshot snapshot = fold.snapshot();
+        const auto& sentences = snapshot.sentences();
+        bool system = false, microphone = false;
+        for (std::size_t i = 0; i < sentences.size(); ++i)
+            (sentences[i].channel == CaptureChannel::system ? system : microphone) = true;
+        TranslationRouter::Config routing;
+        routing.separatedChannels = system && microphone;
+        return captionBlocks(snapshot, TranscriptSnapshot::paragraphs(0, sentences), system && microphone, true,
+                             routing, false, Date::distantFuture());
+    }
+    return CaptionGrouping::blocks(entry.segments, kSoftBreakAfter);
+}
 
 }  // namespace
 
@@ -153,7 +175,9 @@ void HistoryModel::loadSelectedCaptions() {
         captions_.clear();
         return;
     }
-    auto blocks = CaptionGrouping::blocks(e->segments, kSoftBreakAfter);
+    auto blocks = storedBlocks(*library_, *e);
+    // A stored recording waits for nothing: no placeholder where a translation never came.
+    for (auto& b : blocks) b.isAwaitingTranslation = false;
     // A stored recording is settled as a whole; the next selection replaces it.
     captions_.setBlocks({}, 0);
     const std::size_t n = blocks.size();
@@ -218,7 +242,7 @@ QString HistoryModel::allText(const QString& id) const {
     const RecordingEntry* e = entry(id);
     if (!e) return {};
     QStringList out;
-    for (const auto& b : CaptionGrouping::blocks(e->segments, kSoftBreakAfter)) {
+    for (const auto& b : storedBlocks(*library_, *e)) {
         QStringList lines;
         if (b.source) lines << QString::fromStdString(*b.source);
         if (b.translation) lines << QString::fromStdString(*b.translation);

@@ -101,6 +101,7 @@ private slots:
         options.supportDirectory = (root + "/support").toStdString();
         options.configDirectory = (root + "/config/Ossevra").toStdString();
         options.demoSupportDirectory = (root + "/demo").toStdString();
+        options.demoStopsItself = false;  // the test pauses, resumes and stops it
         shell_ = std::make_unique<AppShell>(options);
         engine_ = std::make_unique<QQmlApplicationEngine>();
         QList<QQmlError> warnings;
@@ -145,13 +146,6 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(live.onAir(), 10000);
         QTRY_VERIFY_WITH_TIMEOUT(captions.count() > 0, 20000);
 
-        // Pause and resume in the middle of the conversation.
-        click("pauseButton");
-        QTRY_VERIFY_WITH_TIMEOUT(live.paused(), 10000);
-        QCOMPARE(item("pauseButton")->property("text").toString(), QStringLiteral("继续"));
-        click("pauseButton");
-        QTRY_VERIFY_WITH_TIMEOUT(!live.paused() && live.onAir(), 10000);
-
         // Both channels, both languages.
         auto hasBothLanguages = [&] {
             bool chinese = false, japanese = false;
@@ -174,6 +168,8 @@ private slots:
                                      << "|" << captions.data(captions.index(i), CaptionListModel::TranslationRole).toString();
         }
         QVERIFY(captions.showsChannels() && hasBothLanguages());
+        // The whole conversation, for the screenshot: its last line is the user's thanks.
+        QTRY_VERIFY_WITH_TIMEOUT(captions.allText().contains(QStringLiteral("谢谢")), 40000);
         QTest::qWait(300);
         shoot("live");
 
@@ -203,6 +199,13 @@ private slots:
         QTest::qWait(300);
         QVERIFY(compact->grabWindow().save(shots_ + "/compact-dark.png"));
         compact->setVisible(false);
+
+        // Pause and resume once the conversation has been heard.
+        click("pauseButton");
+        QTRY_VERIFY_WITH_TIMEOUT(live.paused(), 10000);
+        QCOMPARE(item("pauseButton")->property("text").toString(), QStringLiteral("继续"));
+        click("pauseButton");
+        QTRY_VERIFY_WITH_TIMEOUT(!live.paused() && live.onAir(), 10000);
 
         // Stop: the session finishes and is saved.
         click("stopButton");

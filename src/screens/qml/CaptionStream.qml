@@ -62,7 +62,7 @@ Item {
 
     AccentButton {
         objectName: "jumpToLatest"
-        visible: !stream.followLatest && list.count > 0
+        visible: !stream.followLatest && list.count > 0 && !list.atYEnd
         anchors.horizontalCenter: parent.horizontalCenter
         anchors.bottom: parent.bottom
         anchors.bottomMargin: theme.unit * 4
