@@ -27,13 +27,20 @@ bool sourceIsPrimary(const CaptionGrouping::CaptionBlock& b) {
 
 CaptionListModel::CaptionListModel(QObject* parent) : QAbstractListModel(parent) {}
 
-void CaptionListModel::setBlocks(const CaptionBlockList& list) { setBlocks(list.toVector(), list.frozenCount()); }
+void CaptionListModel::setBlocks(const CaptionBlockList& list) {
+    update(list.size(), list.frozenCount(), [&list](std::size_t i) -> const CaptionGrouping::CaptionBlock& { return list[i]; });
+}
 
 void CaptionListModel::setBlocks(std::vector<CaptionGrouping::CaptionBlock> blocks, std::size_t frozenCount) {
+    update(blocks.size(), frozenCount, [&blocks](std::size_t i) -> const CaptionGrouping::CaptionBlock& { return blocks[i]; });
+}
+
+void CaptionListModel::update(std::size_t newSize, std::size_t frozenCount,
+                              const std::function<const CaptionGrouping::CaptionBlock&(std::size_t)>& block) {
     const std::size_t oldSize = blocks_.size();
-    const std::size_t newSize = blocks.size();
     const std::size_t common = std::min(oldSize, newSize);
-    // Rows both refreshes call settled are equal by contract: skip the comparison.
+    // Rows both refreshes call settled are equal by contract: neither compared nor copied,
+    // so a delta costs the same at hour three as at the start.
     const std::size_t settled = std::min({frozen_, frozenCount, common});
     lastChangedRows_ = 0;
 
@@ -45,8 +52,9 @@ void CaptionListModel::setBlocks(std::vector<CaptionGrouping::CaptionBlock> bloc
     int firstChanged = -1;
     int lastChanged = -1;
     for (std::size_t i = settled; i < common; ++i) {
-        if (blocks_[i] == blocks[i]) continue;
-        blocks_[i] = std::move(blocks[i]);
+        const auto& incoming = block(i);
+        if (blocks_[i] == incoming) continue;
+        blocks_[i] = incoming;
         if (firstChanged < 0) firstChanged = int(i);
         lastChanged = int(i);
         ++lastChangedRows_;
@@ -54,25 +62,32 @@ void CaptionListModel::setBlocks(std::vector<CaptionGrouping::CaptionBlock> bloc
     if (firstChanged >= 0) emit dataChanged(index(firstChanged), index(lastChanged));
     if (newSize > oldSize) {
         beginInsertRows({}, int(oldSize), int(newSize) - 1);
-        for (std::size_t i = oldSize; i < newSize; ++i) blocks_.push_back(std::move(blocks[i]));
+        blocks_.reserve(newSize);
+        for (std::size_t i = oldSize; i < newSize; ++i) blocks_.push_back(block(i));
         endInsertRows();
         lastChangedRows_ += int(newSize - oldSize);
     }
     frozen_ = frozenCount;
 
-    bool system = false;
-    bool microphone = false;
-    for (const auto& b : blocks_) {
-        if (b.channel == CaptureChannel::system) system = true;
-        if (b.channel == CaptureChannel::microphone) microphone = true;
-        if (system && microphone) break;
+    // Both channels once seen stay seen, unless the list started over.
+    if (newSize < oldSize || oldSize == 0) {
+        seenSystem_ = seenMicrophone_ = false;
+        for (const auto& b : blocks_) noteChannel(b);
+    } else {
+        for (std::size_t i = settled; i < newSize; ++i) noteChannel(blocks_[i]);
     }
-    if ((system && microphone) != showsChannels_) {
-        showsChannels_ = system && microphone;
+    const bool both = seenSystem_ && seenMicrophone_;
+    if (both != showsChannels_) {
+        showsChannels_ = both;
         if (!blocks_.empty()) emit dataChanged(index(0), index(int(blocks_.size()) - 1), {LabelRole});
         emit showsChannelsChanged();
     }
     if (oldSize != newSize) emit countChanged();
+}
+
+void CaptionListModel::noteChannel(const CaptionGrouping::CaptionBlock& b) {
+    if (b.channel == CaptureChannel::system) seenSystem_ = true;
+    if (b.channel == CaptureChannel::microphone) seenMicrophone_ = true;
 }
 
 void CaptionListModel::clear() { setBlocks({}, 0); }

@@ -9,6 +9,7 @@
 #include <QAbstractListModel>
 #include <QVariantList>
 
+#include <functional>
 #include <vector>
 
 #include "transcript/CaptionBlocks.h"
@@ -65,7 +66,13 @@ signals:
     void showFuriganaChanged();
 
 private:
+    void update(std::size_t newSize, std::size_t frozenCount,
+                const std::function<const CaptionGrouping::CaptionBlock&(std::size_t)>& block);
+    void noteChannel(const CaptionGrouping::CaptionBlock& b);
+
     std::vector<CaptionGrouping::CaptionBlock> blocks_;
+    bool seenSystem_ = false;
+    bool seenMicrophone_ = false;
     std::size_t frozen_ = 0;
     bool showsChannels_ = false;
     bool showFurigana_ = true;
