@@ -162,6 +162,12 @@ void AppShell::startDemo() {
     demoPreparing_ = true;
     demoMessage_ = QStringLiteral("正在准备示例对话…");
     emit demoChanged();
+    // The first demo speaks its conversation with espeak-ng, which takes a few seconds:
+    // the window shows that it is preparing before the work begins.
+    QTimer::singleShot(30, this, [this] { prepareDemo(); });
+}
+
+void AppShell::prepareDemo() {
     // Leave the previous demo first: its server and runtime go before new ones start.
     ++demoGeneration_;
     demoFilesEnded_ = 0;

@@ -88,6 +88,7 @@ signals:
 
 private:
     void attach(LiveRuntime& runtime);
+    void prepareDemo();
     void settingsApplied();
     void observed(const LiveState& state);
     void debugEvent(const DebugEvent& event);

@@ -138,7 +138,8 @@ private slots:
         LiveModel& live = shell_->live();
         CaptionListModel& captions = *live.captions();
         click("demoButton");
-        QVERIFY(shell_->demoMode());
+        QVERIFY(shell_->demoPreparing());
+        QTRY_VERIFY_WITH_TIMEOUT(shell_->demoMode(), 30000);
         QVERIFY(!isShown(item("firstRun")));
         // A start under way cannot be pressed again.
         QTRY_VERIFY_WITH_TIMEOUT(live.onAir() || live.starting(), 10000);
