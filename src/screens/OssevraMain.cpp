@@ -1,6 +1,7 @@
 // The window program. One instance per user: a second launch asks the first to show its
 // window and exits.
 
+#include <QCryptographicHash>
 #include <QGuiApplication>
 #include <QLocalServer>
 #include <QLocalSocket>
@@ -20,7 +21,14 @@ Q_IMPORT_QML_PLUGIN(Ossevra_ScreensPlugin)
 
 namespace {
 
-QString instanceName() { return QStringLiteral("ossevra-window-%1").arg(::getuid()); }
+// One instance per user and settings folder: a program started with other settings (a test,
+// a second profile) is a different instance.
+QString instanceName() {
+    const QByteArray config = QByteArray::fromStdString(osv::configDirectory().string());
+    return QStringLiteral("ossevra-window-%1-%2")
+        .arg(::getuid())
+        .arg(QString::fromLatin1(QCryptographicHash::hash(config, QCryptographicHash::Sha1).toHex().left(12)));
+}
 
 bool raiseRunningInstance() {
     QLocalSocket socket;
@@ -46,7 +54,8 @@ int main(int argc, char** argv) {
     }
     QLocalServer server;
     QLocalServer::removeServer(instanceName());  // a name left behind by a crash
-    server.listen(instanceName());
+    if (!server.listen(instanceName()))
+        std::fprintf(stderr, "ossevra: %s\n", qPrintable(server.errorString()));
 
     osv::AppShell::Options options;
     options.supportDirectory = osv::supportDirectory();

@@ -8,6 +8,7 @@
 #include <QFile>
 #include <QFontInfo>
 #include <QGuiApplication>
+#include <QProcess>
 #include <QQmlApplicationEngine>
 #include <QQuickItem>
 #include <QQuickWindow>
@@ -295,6 +296,39 @@ private slots:
         QVERIFY(!shell_->hasKey());
         showPage("live");
         QTRY_VERIFY(isShown(item("firstRun")));
+    }
+
+    // A second launch shows the running window instead of opening another.
+    void secondLaunchRaisesTheFirst() {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home_.path() + "/instance-config");
+        env.insert(QStringLiteral("OSV_SUPPORT_DIR"), home_.path() + "/instance-support");
+        QProcess first;
+        first.setProcessEnvironment(env);
+        first.setProcessChannelMode(QProcess::MergedChannels);
+        first.start(QStringLiteral(OSV_WINDOW_PROGRAM), {});
+        QVERIFY(first.waitForStarted(5000));
+        QProcess second;
+        second.setProcessEnvironment(env);
+        second.setProcessChannelMode(QProcess::MergedChannels);
+        // The first listens once its window is up; a second started before that runs on its
+        // own and is ended here.
+        bool raised = false;
+        for (int attempt = 0; attempt < 20 && !raised; ++attempt) {
+            QTest::qWait(250);
+            second.start(QStringLiteral(OSV_WINDOW_PROGRAM), {});
+            if (!second.waitForFinished(3000)) {
+                second.kill();
+                second.waitForFinished();
+                continue;
+            }
+            raised = second.exitStatus() == QProcess::NormalExit && second.exitCode() == 0 &&
+                     QString::fromUtf8(second.readAll()).contains(QStringLiteral("已在运行"));
+        }
+        QVERIFY(raised);
+        QCOMPARE(first.state(), QProcess::Running);
+        first.terminate();
+        QVERIFY(first.waitForFinished(5000));
     }
 
     void cleanupTestCase() {
