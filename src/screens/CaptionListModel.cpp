@@ -23,6 +23,29 @@ bool sourceIsPrimary(const CaptionGrouping::CaptionBlock& b) {
     return !b.translation.has_value();
 }
 
+QList<int> changedRoles(const CaptionGrouping::CaptionBlock& a, const CaptionGrouping::CaptionBlock& b) {
+    using R = CaptionListModel::Role;
+    QList<int> roles;
+    if (a.source != b.source) roles << R::SourceRole << R::SourceFamilyRole;
+    if (a.translation != b.translation) roles << R::TranslationRole << R::TranslationFamilyRole;
+    if (a.source != b.source || a.translation != b.translation) roles << R::SourceIsPrimaryRole;
+    if (a.channel != b.channel) roles << R::ChannelRole;
+    if (a.channel != b.channel || a.startOffset != b.startOffset) roles << R::LabelRole;
+    if (a.isProvisional != b.isProvisional || a.translation.has_value() != b.translation.has_value())
+        roles << R::IsDraftRole;
+    if (a.isAwaitingTranslation != b.isAwaitingTranslation || a.translation.has_value() != b.translation.has_value() ||
+        a.translationFailure != b.translationFailure)
+        roles << R::IsAwaitingRole;
+    if (a.translationFailure != b.translationFailure) roles << R::FailureRole;
+    if (a.lateCorrection != b.lateCorrection || a.lateTranslation != b.lateTranslation) roles << R::CorrectionRole;
+    if (a.furigana != b.furigana) roles << R::RubyRole;
+    if (a.furigana != b.furigana || a.source != b.source || a.translation != b.translation)
+        roles << R::RubyOnSourceRole;
+    // Fields no role shows (sentence ids, pending source) changed alone: nothing to redraw,
+    // but the row is announced whole so that nothing is missed.
+    return roles;
+}
+
 }  // namespace
 
 CaptionListModel::CaptionListModel(QObject* parent) : QAbstractListModel(parent) {}
@@ -49,17 +72,16 @@ void CaptionListModel::update(std::size_t newSize, std::size_t frozenCount,
         blocks_.resize(newSize);
         endRemoveRows();
     }
-    int firstChanged = -1;
-    int lastChanged = -1;
     for (std::size_t i = settled; i < common; ++i) {
         const auto& incoming = block(i);
         if (blocks_[i] == incoming) continue;
+        // Only the roles that changed: a delta re-evaluates the bindings of one line, not
+        // of the whole card.
+        const QList<int> roles = changedRoles(blocks_[i], incoming);
         blocks_[i] = incoming;
-        if (firstChanged < 0) firstChanged = int(i);
-        lastChanged = int(i);
         ++lastChangedRows_;
+        emit dataChanged(index(int(i)), index(int(i)), roles);
     }
-    if (firstChanged >= 0) emit dataChanged(index(firstChanged), index(lastChanged));
     if (newSize > oldSize) {
         beginInsertRows({}, int(oldSize), int(newSize) - 1);
         blocks_.reserve(newSize);

@@ -34,6 +34,11 @@ TEST(CaptionListModel, RefreshTouchesOnlyChangedRowsAfterTheFrozenHead) {
     ASSERT_EQ(changed.count(), 1);
     EXPECT_EQ(changed[0][0].value<QModelIndex>().row(), 1);
     EXPECT_EQ(changed[0][1].value<QModelIndex>().row(), 1);
+    // Only what the delta touched is announced: the source line, not the card's label.
+    const auto roles = changed[0][2].value<QList<int>>();
+    EXPECT_TRUE(roles.contains(CaptionListModel::SourceRole));
+    EXPECT_FALSE(roles.contains(CaptionListModel::LabelRole));
+    EXPECT_FALSE(roles.contains(CaptionListModel::TranslationRole));
     EXPECT_EQ(model.lastChangedRows(), 1);
 
     // Nothing changed: nothing announced.
