@@ -303,6 +303,7 @@ private slots:
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("XDG_CONFIG_HOME"), home_.path() + "/instance-config");
         env.insert(QStringLiteral("OSV_SUPPORT_DIR"), home_.path() + "/instance-support");
+        env.insert(QStringLiteral("OSV_TEST_RUN"), QStringLiteral("1"));  // keep off the user's keyring
         QProcess first;
         first.setProcessEnvironment(env);
         first.setProcessChannelMode(QProcess::MergedChannels);
