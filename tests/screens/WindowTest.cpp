@@ -213,6 +213,10 @@ private slots:
         click("stopButton");
         QTRY_VERIFY_WITH_TIMEOUT(!live.sessionActive() && !live.finishing(), 20000);
         QVERIFY(captions.count() > 0);
+        QFile status(QStringLiteral("/proc/self/status"));
+        if (status.open(QIODevice::ReadOnly))
+            for (const QByteArray& line : status.readAll().split('\n'))
+                if (line.startsWith("VmRSS:")) qInfo().noquote() << "window after the demo:" << line.simplified();
     }
 
     void theRecordingIsInTheHistory() {
