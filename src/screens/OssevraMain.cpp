@@ -4,6 +4,8 @@
 #include <QCryptographicHash>
 #include <QGuiApplication>
 #include <QLocalServer>
+#include <QLockFile>
+#include <QThread>
 #include <QLocalSocket>
 #include <QQmlApplicationEngine>
 #include <QQuickWindow>
@@ -48,12 +50,29 @@ int main(int argc, char** argv) {
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Ossevra 同传"));
     QGuiApplication::setDesktopFileName(QStringLiteral("ossevra"));
 
-    if (raiseRunningInstance()) {
-        std::fputs("ossevra: 已在运行，已切换到它的窗口。\n", stderr);
-        return 0;
+    // The lock decides which launch is the window; the others ask it to show itself. The
+    // first may still be starting up, so they try for a while before giving up.
+    const auto config = osv::configDirectory();
+    std::error_code ec;
+    std::filesystem::create_directories(config, ec);
+    QLockFile lock(QString::fromStdString((config / "window.lock").string()));
+    lock.setStaleLockTime(0);  // stale only when its owner is gone
+    if (!lock.tryLock(0)) {
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            if (raiseRunningInstance()) {
+                std::fputs("ossevra: 已在运行，已切换到它的窗口。\n", stderr);
+                return 0;
+            }
+            if (lock.tryLock(0)) break;  // the other one ended meanwhile
+            QThread::msleep(100);
+        }
+        if (!lock.isLocked()) {
+            std::fputs("ossevra: 另一个 Ossevra 正在运行，但没有回应。\n", stderr);
+            return 1;
+        }
     }
     QLocalServer server;
-    QLocalServer::removeServer(instanceName());  // a name left behind by a crash
+    QLocalServer::removeServer(instanceName());  // a name left behind by a crash; the lock is ours
     if (!server.listen(instanceName()))
         std::fprintf(stderr, "ossevra: %s\n", qPrintable(server.errorString()));
 

@@ -316,21 +316,14 @@ private slots:
         QProcess second;
         second.setProcessEnvironment(env);
         second.setProcessChannelMode(QProcess::MergedChannels);
-        // The first listens once its window is up; a second started before that runs on its
-        // own and is ended here.
-        bool raised = false;
-        for (int attempt = 0; attempt < 20 && !raised; ++attempt) {
-            QTest::qWait(250);
-            second.start(QStringLiteral(OSV_WINDOW_PROGRAM), {});
-            if (!second.waitForFinished(3000)) {
-                second.kill();
-                second.waitForFinished();
-                continue;
-            }
-            raised = second.exitStatus() == QProcess::NormalExit && second.exitCode() == 0 &&
-                     QString::fromUtf8(second.readAll()).contains(QStringLiteral("已在运行"));
-        }
-        QVERIFY(raised);
+        // Once the first holds the lock, a second launch waits for it to listen and asks it
+        // to show its window.
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(home_.path() + "/instance-config/Ossevra/window.lock"), 20000);
+        second.start(QStringLiteral(OSV_WINDOW_PROGRAM), {});
+        QVERIFY(second.waitForFinished(20000));
+        QCOMPARE(second.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(second.exitCode(), 0);
+        QVERIFY(QString::fromUtf8(second.readAll()).contains(QStringLiteral("已在运行")));
         QCOMPARE(first.state(), QProcess::Running);
         first.terminate();
         QVERIFY(first.waitForFinished(5000));
