@@ -17,6 +17,7 @@
 #include "live/LiveController.h"
 #include "recordings/RecordingEntryJson.h"
 #include "recordings/RecordingLibrary.h"
+#include "services/ServiceEndpoints.h"
 #include "wiring/DemoSession.h"
 #include "wiring/LiveRuntime.h"
 
@@ -325,6 +326,7 @@ int runLive(const std::vector<std::string>& args, std::ostream& out, std::ostrea
         Stores stores(err);
         settings = stores.settings.load(environmentKey());
         stores.settings.loadStoredKey(settings);
+        openAIBase = ServiceEndpoints::resolve(stores.defaults).openAI;  // environment, then settings, then default
     }
     const int filesFed = int(options.systemFile.has_value()) + int(options.microphoneFile.has_value());
     if (options.systemFile && options.microphoneFile) {

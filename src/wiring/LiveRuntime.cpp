@@ -10,6 +10,7 @@
 #include "platform/qt/QtWebSocketTransport.h"
 #include "recordings/RecordingLibrary.h"
 #include "services/ServiceEndpoints.h"
+#include "wiring/LiveLanes.h"
 
 namespace osv {
 
@@ -23,6 +24,7 @@ struct LiveRuntime::Parts {
     AudioFileMerger merger;
     std::string openAIBase;
     std::unique_ptr<RecordingLibrary> library;
+    std::unique_ptr<LiveLanes> lanes;
     std::unique_ptr<LiveController> controller;
 };
 
@@ -44,12 +46,14 @@ LiveRuntime::LiveRuntime(Options options, std::function<TranslatorSettings()> se
     p.library->loadRecordings();
 
     Parts* raw = parts_.get();
+    p.lanes = std::make_unique<LiveLanes>(p.scheduler, p.http, p.openAIBase, *p.library, settings);
     p.controller = std::make_unique<LiveController>(LiveController::Dependencies{
         p.scheduler, *p.library, std::move(settings), *p.sources, p.chunkWriter, p.merger,
         [raw] {
             return std::make_unique<OpenAIRealtimeTranslationClient>(raw->webSockets, raw->scheduler, raw->openAIBase);
         },
-        nullptr, std::nullopt});
+        p.lanes.get(), std::nullopt});
+    p.lanes->attach(*p.controller);
 }
 
 LiveRuntime::~LiveRuntime() {
