@@ -134,12 +134,14 @@ public:
 
 private:
     void debug(const DebugEvent& e) {
+        if (finished_) return;  // the saved entry is the last line
         if (options_.json) out_ << json::dumpLine(debugJson(e)) << "\n" << std::flush;
         if (e.code == "capture_file_ended" && ++filesEnded_ >= filesFed_ && filesFed_ > 0)
             QTimer::singleShot(int(options_.tail * 1000), [this] { requestStop("音频文件已播完"); });
     }
 
     void changed(const LiveState& s) {
+        if (finished_) return;
         if (options_.json) {
             const std::string line = json::dumpLine(stateJson(s));
             if (line != lastStateLine_) {

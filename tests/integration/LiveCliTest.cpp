@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <fstream>
+#include <map>
 #include <set>
 
 #include "LoopbackServers.h"
@@ -31,6 +32,8 @@ constexpr const char* kScenario = R"(
 {"on": "append", "nth": 1, "speaker": 2, "after_ms": 700, "send": {"type": "session.input_transcript.delta", "delta": "我们去散步吧。"}}
 {"on": "session.close", "send": {"type": "session.closed"}}
 {"on": "session.close", "after_ms": 50, "close": {"code": 1000, "reason": "bye"}}
+{"http": {"method": "POST", "path": "/v1/responses", "match": "待处理的原句：\n今日はいい天気ですね。"}, "reply": {"json": {"output": [{"type": "message", "content": [{"type": "output_text", "text": "今天天气真好。"}]}], "usage": {"input_tokens": 150, "output_tokens": 8}}}}
+{"http": {"method": "POST", "path": "/v1/responses", "match": "待处理的原句：\n我们去散步吧。"}, "reply": {"json": {"output": [{"type": "message", "content": [{"type": "output_text", "text": "散歩に行きましょう。"}]}], "usage": {"input_tokens": 150, "output_tokens": 8}}}}
 )";
 
 struct Line {
@@ -186,6 +189,28 @@ TEST_F(LiveCli, TwoSeparateChannelsEndInASavedRecordingWhoseLogCaptionsAndAudioA
     EXPECT_EQ(withoutSpaces(foldedText), withoutSpaces(captionText));
     EXPECT_NE(foldedText.find("今日はいい天気ですね。"), std::string::npos);
     EXPECT_NE(foldedText.find("我们去散步吧。"), std::string::npos);
+
+    // Every closed sentence holds a translation from the text model: refined for the other
+    // side, reverse for the user; the prompts went out as a live session sends them.
+    std::map<std::string, std::string> translations;
+    for (const auto& sentence : (*snapshot)["sentences"]) {
+        ASSERT_FALSE(sentence["translations"].empty()) << sentence.dump();
+        const Json& standing = sentence["translations"].back();
+        translations[sentence["text"].get<std::string>()] = standing["origin"].get<std::string>() + ":" +
+                                                             standing["text"].get<std::string>();
+    }
+    EXPECT_EQ(translations["今日はいい天気ですね。"], "refined:今天天气真好。");
+    EXPECT_EQ(translations["我们去散步吧。"], "reverseToJapanese:散歩に行きましょう。");
+    std::vector<std::string> prompts;
+    for (const auto& line : server.record())
+        if (line.value("event", "") == "http" && line.value("path", "") == "/v1/responses" && line.contains("json"))
+            prompts.push_back(line["json"].value("input", Json()).dump());
+    ASSERT_GE(prompts.size(), 2u);  // and a draft of the open sentence, which is long enough for one
+    const auto sent = [&](const std::string& part) {
+        return std::any_of(prompts.begin(), prompts.end(), [&](const std::string& p) { return p.find(part) != std::string::npos; });
+    };
+    EXPECT_TRUE(sent("请把下面这句会议发言翻译成自然、准确的简体中文。"));
+    EXPECT_TRUE(sent("请把下面这句中文会议发言翻译成自然、口语化的日语（です・ます体）。"));
 
     // The journal is gone; the merged audio spans the session from start to stop.
     EXPECT_FALSE(fs::exists(support() / "journals" / (id + ".jsonl")));
