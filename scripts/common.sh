@@ -4,6 +4,11 @@
 
 repo_root() { cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd; }
 
+# Paths inside the checkout enter ccache's hashes relative to it, so that another clone of
+# the same sources (CI's) reuses what an earlier build compiled.
+export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$(repo_root)}"
+export CCACHE_NOHASHDIR="${CCACHE_NOHASHDIR:-1}"
+
 # configure_and_build DIR [cmake args...]
 configure_and_build() {
     local dir="$1"
