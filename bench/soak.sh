@@ -32,7 +32,7 @@ track("ja", 0.5, "system"); track("zh", 4.5, "microphone")
 
 # Every connection recognises its speaker about every two seconds of audio. Connections
 # take turns at a fault two minutes in (6,050 appends of 20 ms); every third has none and
-# lives until it is rotated. Refused connections come in threes.
+# lives until it is rotated.
 rules = [
     {"on": "connect", "send": {"type": "session.created", "session": {"id": "sess_soak"}}},
     {"on": "append", "every": 100, "send": [{"type": "session.input_transcript.delta", "delta": "今日はいい天気ですね。"},
@@ -40,7 +40,7 @@ rules = [
     {"on": "session.close", "send": {"type": "session.closed"}},
     {"on": "session.close", "after_ms": 50, "close": {"code": 1000, "reason": "bye"}},
 ]
-faults = ["drop", "stall", "close", "rate", "refuse", None]
+faults = ["drop", "stall", "close", "rate", None]
 for connection in range(1, 400):
     kind = faults[(connection - 1) % len(faults)]
     at = {"on": "append", "nth": 6050, "connection": connection}
@@ -50,7 +50,6 @@ for connection in range(1, 400):
     elif kind == "rate":
         rules.append({**at, "error": {"type": "rate_limit_exceeded", "code": "rate_limit_exceeded", "message": "Rate limit reached"}})
         rules.append({**at, "after_ms": 100, "close": {"code": 1008, "reason": "rate limited"}})
-    elif kind == "refuse": rules.append({**at, "drop": True})
 with open(f"{work}/scenario.jsonl", "w") as f:
     for r in rules: f.write(json.dumps(r, ensure_ascii=False) + "\n")
 PY
@@ -89,11 +88,11 @@ for l in open(f"{work}/received.jsonl"):
     e = json.loads(l)
     if e.get("event") == "message" and e.get("message", {}).get("type") == "session.input_audio_buffer.append":
         appends[e["connection"]] = appends.get(e["connection"], 0) + 1
-faults = ["drop", "stall", "close", "rate", "refuse", None]
+faults = ["drop", "stall", "close", "rate", None]
 sent = 0
 for c, n in appends.items():
     kind = faults[(c - 1) % len(faults)]
-    sent += min(n, 6049 if kind else n) // 100 if kind else n // 100
+    sent += (min(n, 6049) if kind else n) // 100
 survived = sum(1 for c, n in appends.items() if faults[(c - 1) % len(faults)] and n >= 6050)
 rid = recording.get("id")
 filed = [json.loads(l) for l in open(f"{work}/support/transcripts/{rid}.jsonl")]
