@@ -9,9 +9,13 @@ minutes="${1:-30}"
 root="$(cd "$(dirname "$0")/.." && pwd)"
 source "$root/scripts/common.sh"
 "$root/scripts/bootstrap"
-configure_and_build build/release -DCMAKE_BUILD_TYPE=Release -DOSV_BUILD_TESTS=OFF >/dev/null
-cli="$root/build/release/src/cli/ossevra-cli"
-fake="$root/build/release/tools/fake-realtime/fake-realtime"
+# OSV_BENCH_BUILD names a build folder to use as it is (e.g. build/debug); else an optimised one.
+build="${OSV_BENCH_BUILD:-build/release}"
+if [ -z "${OSV_BENCH_BUILD:-}" ]; then
+    configure_and_build build/release -DCMAKE_BUILD_TYPE=Release -DOSV_BUILD_TESTS=OFF >/dev/null
+fi
+cli="$root/$build/src/cli/ossevra-cli"
+fake="$root/$build/tools/fake-realtime/fake-realtime"
 work="$(mktemp -d)"
 trap 'kill "${fake_pid:-}" 2>/dev/null || true; rm -rf "$work"' EXIT
 

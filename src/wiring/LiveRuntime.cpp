@@ -10,7 +10,7 @@
 #include "platform/qt/QtWebSocketTransport.h"
 #include "recordings/RecordingLibrary.h"
 #include "services/ServiceEndpoints.h"
-#include "wiring/LiveLanes.h"
+#include "live/LiveLanes.h"
 
 namespace osv {
 

@@ -1,4 +1,4 @@
-#include "wiring/LiveLanes.h"
+#include "live/LiveLanes.h"
 
 #include "lanes/LaneRunner.h"
 #include "lanes/SentenceTranslationPass.h"
