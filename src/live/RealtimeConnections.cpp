@@ -57,25 +57,7 @@ void RealtimeConnections::connect(CaptureChannel channel, const Uuid& recordingI
     raw->start(
         host_.connectionSettings(channel), kTargetLanguageCode, true,
         [this, alive, raw, channel, recordingID](const RealtimeTranslationEvent& event) {
-            if (alive.expired()) return;
-            using Kind = RealtimeTranslationEvent::Kind;
-            // An old connection draining after a rotation still delivers its last text; nothing else.
-            for (auto& r : retired_)
-                if (r.client.get() == raw) {
-                    if (event.kind != Kind::inputTranscriptDelta && event.kind != Kind::outputTranscriptDelta) return;
-                    r.lastEventAt = scheduler_.now();
-                    host_.realtimeEvent(event, channel, recordingID);
-                    return;
-                }
-            // A client already taken out of service reports nothing more.
-            auto it = clients_.find(channel);
-            if (it == clients_.end() || it->second.get() != raw) return;
-            ++eventCounts_[channel];
-            if (event.kind == Kind::failed || event.kind == Kind::closed) {
-                connected_[channel] = false;  // audio is held from now until a new connection is up
-                host_.connectionLost(channel);
-            }
-            host_.realtimeEvent(event, channel, recordingID);
+            if (!alive.expired()) clientEvent(raw, event, channel, recordingID);
         },
         [this, alive](const OpenAIDebugLog& log) {
             if (!alive.expired()) host_.clientDebug(log);
@@ -93,6 +75,31 @@ void RealtimeConnections::connect(CaptureChannel channel, const Uuid& recordingI
             if (!current && result) result = Error{"realtime_superseded", "连接已被替换。"};
             if (done) done(std::move(result));
         });
+}
+
+// Every client's events come through here, whether it is in service, draining after a
+// rotation, or still in its handshake as a rotation's new connection (which reports nothing
+// before it takes over).
+void RealtimeConnections::clientEvent(Client* raw, const RealtimeTranslationEvent& event, CaptureChannel channel,
+                                      const Uuid& recordingID) {
+    using Kind = RealtimeTranslationEvent::Kind;
+    // An old connection draining after a rotation still delivers its last text; nothing else.
+    for (auto& r : retired_)
+        if (r.client.get() == raw) {
+            if (event.kind != Kind::inputTranscriptDelta && event.kind != Kind::outputTranscriptDelta) return;
+            r.lastEventAt = scheduler_.now();
+            host_.realtimeEvent(event, channel, recordingID);
+            return;
+        }
+    // A client not in service (taken out, or not yet in) reports nothing.
+    auto it = clients_.find(channel);
+    if (it == clients_.end() || it->second.get() != raw) return;
+    ++eventCounts_[channel];
+    if (event.kind == Kind::failed || event.kind == Kind::closed) {
+        connected_[channel] = false;  // audio is held from now until a new connection is up
+        host_.connectionLost(channel);
+    }
+    host_.realtimeEvent(event, channel, recordingID);
 }
 
 std::optional<Date> RealtimeConnections::rotationDueAt(CaptureChannel channel) const {
@@ -150,16 +157,7 @@ void RealtimeConnections::beginRotation(CaptureChannel channel, const Uuid& reco
     raw->start(
         host_.connectionSettings(channel), kTargetLanguageCode, true,
         [this, alive, raw, channel, recordingID](const RealtimeTranslationEvent& event) {
-            if (alive.expired()) return;
-            using Kind = RealtimeTranslationEvent::Kind;
-            auto it = clients_.find(channel);
-            if (it == clients_.end() || it->second.get() != raw) return;  // not in service yet, or no more
-            ++eventCounts_[channel];
-            if (event.kind == Kind::failed || event.kind == Kind::closed) {
-                connected_[channel] = false;
-                host_.connectionLost(channel);
-            }
-            host_.realtimeEvent(event, channel, recordingID);
+            if (!alive.expired()) clientEvent(raw, event, channel, recordingID);
         },
         [this, alive](const OpenAIDebugLog& log) {
             if (!alive.expired()) host_.clientDebug(log);

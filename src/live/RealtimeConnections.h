@@ -111,6 +111,7 @@ public:
 private:
     void debug(DebugEvent::Level level, std::string title, std::string details, std::optional<std::string> code);
     std::unique_ptr<Client> makeClient(CaptureChannel channel, const Uuid& recordingID);
+    void clientEvent(Client* raw, const RealtimeTranslationEvent& event, CaptureChannel channel, const Uuid& recordingID);
     void armRotationCheck(CaptureChannel channel, const Uuid& recordingID, double seconds);
     void checkRotation(CaptureChannel channel, const Uuid& recordingID);
     void beginRotation(CaptureChannel channel, const Uuid& recordingID);

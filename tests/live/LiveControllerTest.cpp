@@ -362,6 +362,27 @@ TEST_F(RotationTest, AQuietMomentAfterTheAgeOpensTheNewConnectionFirstAndTheOldO
     EXPECT_TRUE(state().isLiveInterpreting);
 }
 
+TEST_F(RotationTest, AConnectionARotationOpenedDrainsLikeTheFirstWhenItIsRotatedInTurn) {
+    startOnAir();
+    talk(21.0, 0.0f);
+    ASSERT_EQ(connectionCount(), 2u);
+    connection(1).accept();
+    scheduler.runUntilIdle();
+    talk(21.0, 0.0f);
+    ASSERT_EQ(connectionCount(), 3u);
+    connection(2).accept();
+    scheduler.runUntilIdle();
+    EXPECT_EQ(count("realtime_rotation_succeeded"), 2u);
+    talk(0.2);  // someone speaks: the text that follows is believed
+    source(1, "二本目の最後の言葉。");
+    bool found = false;
+    for (const auto& e : controller->liveTranscript().log().events)
+        if (auto* d = std::get_if<TranscriptEvent::SourceDelta>(&e.payload); d && d->text == "二本目の最後の言葉。")
+            found = true;
+    EXPECT_TRUE(found);
+    EXPECT_EQ(sentEverywhere(), played);
+}
+
 TEST_F(RotationTest, WithoutAQuietMomentTheRotationIsForcedThreeMinutesLate) {
     startOnAir();
     talk(20.0 + 179.5);
