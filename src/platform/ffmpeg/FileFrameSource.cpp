@@ -23,11 +23,11 @@ public:
         if (!file_) return Error{"capture_failed", "这一路没有指定音频文件。"};
         auto pcm = decodePCM16Mono24k(*file_);
         if (!pcm) return Error{pcm.error().code, "无法读取音频文件 " + file_->string() + "：" + pcm.error().message};
+        // Kept as 16-bit samples (half the memory of floats: a long file is many megabytes),
+        // converted a piece at a time.
         samples_.resize(pcm->size() / 2);
-        for (std::size_t i = 0; i < samples_.size(); ++i) {
-            const auto v = std::int16_t(std::uint16_t((*pcm)[2 * i]) | (std::uint16_t((*pcm)[2 * i + 1]) << 8));
-            samples_[i] = float(v) / 32767.0f;
-        }
+        for (std::size_t i = 0; i < samples_.size(); ++i)
+            samples_[i] = std::int16_t(std::uint16_t((*pcm)[2 * i]) | (std::uint16_t((*pcm)[2 * i + 1]) << 8));
         stopping_ = false;
         worker_ = std::thread([this, onFrames = std::move(onFrames), onEvent = std::move(onEvent)] {
             play(onFrames, onEvent);
@@ -52,6 +52,7 @@ private:
         const auto piece = std::size_t(FileFrameSourceFactory::kPieceSeconds * kRate);
         std::size_t position = 0;
         std::size_t index = 0;
+        std::vector<float> frames(piece);
         std::unique_lock guard(lock_);
         while (!stopping_ && position < samples_.size()) {
             const auto due = start + std::chrono::duration_cast<Clock::duration>(
@@ -59,8 +60,9 @@ private:
             if (wake_.wait_until(guard, due, [this] { return stopping_; })) return;
             guard.unlock();
             const std::size_t n = std::min(piece, samples_.size() - position);
+            for (std::size_t i = 0; i < n; ++i) frames[i] = float(samples_[position + i]) / 32767.0f;
             try {
-                onFrames(samples_.data() + position, n, FrameFormat{kRate, 1});
+                onFrames(frames.data(), n, FrameFormat{kRate, 1});
             } catch (...) {
                 // A callback's failure loses this piece, not the capture.
             }
@@ -77,7 +79,7 @@ private:
     }
 
     std::optional<std::filesystem::path> file_;
-    std::vector<float> samples_;
+    std::vector<std::int16_t> samples_;
     std::mutex lock_;
     std::condition_variable wake_;
     bool stopping_ = false;
