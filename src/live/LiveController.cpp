@@ -328,7 +328,12 @@ void LiveController::prepareRealtimeSession(const Uuid& recordingID, bool resumi
         liveTranscript_.reset();
         frozenScanned_ = 0;
         frozenFailures_ = 0;
-        journal_ = std::make_unique<TranscriptJournal>(recordingID, deps_.library.paths().journals());
+        // A journal that cannot be written says so once; the session goes on.
+        const auto alive = lifetime_.guard();
+        journal_ = std::make_unique<TranscriptJournal>(recordingID, deps_.library.paths().journals(),
+                                                       [this, alive](const OpenAIDebugLog& problem) {
+                                                           if (!alive.expired()) clientDebug(problem);
+                                                       });
         liveTranscript_.labelsChannels = state_.activeChannels.size() == 2;
         handoff_.reset(state_.activeChannels);
         ingestion_.reset();
