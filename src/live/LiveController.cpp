@@ -49,14 +49,23 @@ void LiveController::unsubscribe(Subscription token) { observers_.erase(token); 
 void LiveController::changed() {
     if (publishPosted_) return;
     publishPosted_ = true;
+    meterPublish_.cancel();
     const auto alive = lifetime_.guard();
     deps_.scheduler.post([this, alive] {
         if (!alive.expired()) publish();
     });
 }
 
+// Levels and meters change with every piece of audio; a meter needs no more than twenty
+// pictures a second, so they ride along with the next publish or wait at most 50 ms.
+void LiveController::metersChanged() {
+    if (publishPosted_ || meterPublish_.isPending()) return;
+    meterPublish_ = deps_.scheduler.after(kMeterPublishSeconds, [this] { changed(); });
+}
+
 void LiveController::publish() {
     publishPosted_ = false;
+    meterPublish_.cancel();
     const Date now = deps_.scheduler.now();
     const TranslatorSettings settings = deps_.settings();
     state_.translates = routingConfig(settings).translates;
@@ -821,9 +830,12 @@ void LiveController::consumeRealtimePCM(PCMBytes bytes, CaptureChannel channel) 
     }
     const bool connected = connections_.isConnected(channel) && !connections_.isReconnecting(channel);
     auto outcome = handoff_.consume(channel, std::move(bytes), now, connected);
-    if (outcome.woke) noteChannelWoken(channel);
+    if (outcome.woke) {
+        noteChannelWoken(channel);
+        changed();
+    }
     if (outcome.send) connections_.send(channel, *outcome.send);
-    changed();
+    metersChanged();
 }
 
 void LiveController::updateInputLevel(double level) {
@@ -831,7 +843,7 @@ void LiveController::updateInputLevel(double level) {
     if (state_.isLivePaused) level = 0;
     if (level != state_.inputLevel) {
         state_.inputLevel = level;
-        changed();
+        metersChanged();
     }
     if (state_.isLiveInterpreting && !state_.isLivePaused) {
         ++levelSampleCount_;

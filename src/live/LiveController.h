@@ -65,6 +65,7 @@ public:
     static constexpr double kDrainQuietSeconds = 0.6;
     static constexpr double kDrainPollSeconds = 0.12;
     static constexpr std::size_t kMaximumDebugEvents = 2000;
+    static constexpr double kMeterPublishSeconds = 0.05;
     // How often the stored entry takes the session's segments: what the history shows of a
     // session on air. Every event is in the journal at once; this is only the index's copy.
     static constexpr double kSegmentsRefreshSeconds = 10.0;
@@ -178,6 +179,7 @@ private:
 
     // Publishing.
     void changed();
+    void metersChanged();
     void publish();
 
     Dependencies deps_;
@@ -196,6 +198,7 @@ private:
     std::map<Subscription, std::function<void(const LiveState&)>> observers_;
     Subscription nextSubscription_ = 1;
     bool publishPosted_ = false;
+    TimerHandle meterPublish_;
     bool captionsDirty_ = true;
     std::size_t frozenScanned_ = 0;
     std::size_t frozenFailures_ = 0;
