@@ -65,12 +65,19 @@ read -r cpu0 rss0 < <(sample)
 start=$(date +%s)
 echo "after 1 min: cpu ${cpu0}s, rss ${rss0} kB"
 last_cpu=$cpu0; last_rss=$rss0
-while kill -0 "$pid" 2>/dev/null; do
+# Sampled while the files still play: the wind-down (drain, merge of the whole recording)
+# is no part of the cost of a minute on air.
+on_air_until=$(( start + ${minutes%.*} * 60 - 70 ))
+elapsed=0
+while kill -0 "$pid" 2>/dev/null && [ "$(date +%s)" -lt "$on_air_until" ]; do
     sleep 30
-    if s="$(sample)"; then read -r last_cpu last_rss <<<"$s"; echo "  +$(( $(date +%s) - start ))s: cpu ${last_cpu}s, rss ${last_rss} kB"; fi
+    if s="$(sample)"; then
+        read -r last_cpu last_rss <<<"$s"
+        elapsed=$(( $(date +%s) - start ))
+        echo "  +${elapsed}s: cpu ${last_cpu}s, rss ${last_rss} kB"
+    fi
 done
 wait "$pid" || true
-elapsed=$(( $(date +%s) - start ))
 echo "session: $(grep -c '"captions"' "$work/out.jsonl") captions lines, status $(tail -1 "$work/out.jsonl" | python3 -c 'import json,sys; print(json.loads(sys.stdin.read())["recording"]["status"])')"
 awk -v c0="$cpu0" -v c1="$last_cpu" -v r0="$rss0" -v r1="$last_rss" -v e="$elapsed" 'BEGIN {
     m = e / 60.0

@@ -68,7 +68,12 @@ std::optional<fs::path> SerialIndexWriter::setAsideUnreadable(const fs::path& in
         formatDate(Date::fromUnixSeconds(double(st.st_mtim.tv_sec)), "yyyyMMdd-HHmmss", "UTC");
     for (int n = 0; n < 100; ++n) {
         fs::path aside = index;
-        aside += ".unreadable-" + stamp + (n ? "-" + std::to_string(n) : std::string());
+        // Appended piece by piece: `"…" + std::string` makes GCC 12 report a false -Wrestrict
+        // at -O2 and above (GCC bug 105329).
+        std::string suffix = ".unreadable-";
+        suffix.append(stamp);
+        if (n) suffix.append("-").append(std::to_string(n));
+        aside += suffix;
         if (::link(index.c_str(), aside.c_str()) == 0) return aside;
         if (errno == EEXIST) continue;
         auto bytes = readWholeFile(index);

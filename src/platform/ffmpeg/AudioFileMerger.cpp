@@ -60,7 +60,11 @@ std::optional<Wav> readWav(const fs::path& path) {
 
 Expected<MergedAudio> AudioFileMerger::merge(const std::vector<fs::path>& chunks, const fs::path& output) {
     if (chunks.empty()) return Error{"recording_failed", "没有可合并的音频分段。"};
-    const fs::path temporary = output.parent_path() / ("." + output.stem().string() + "-" + Uuid::random().text() + output.extension().string());
+    // Appended piece by piece: `"." + std::string` makes GCC 12 report a false -Wrestrict
+    // at -O2 and above (GCC bug 105329).
+    std::string hidden = ".";
+    hidden.append(output.stem().string()).append("-").append(Uuid::random().text()).append(output.extension().string());
+    const fs::path temporary = output.parent_path() / hidden;
     std::unique_ptr<AacFileWriter> writer;
     int channels = 0;
     int sampleRate = 0;
