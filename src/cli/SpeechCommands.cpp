@@ -10,6 +10,7 @@
 #include <map>
 #include <set>
 #include <ostream>
+#include <sstream>
 
 #include "cli/Cli.h"
 #include "cli/CliStores.h"
@@ -45,8 +46,13 @@ constexpr const char* kGeminiFileDefault = "gemini-3.5-transcribe";
 constexpr double kLocalTimeoutSeconds = 300.0;
 
 
-// Where the services live: the one place the commands read it.
-ServiceEndpoints endpoints() { return ServiceEndpoints::fromEnvironment(); }
+// Where the services live: the one place the commands read it. Environment, then the
+// settings, then the default; what the settings file had to say was said with the settings.
+ServiceEndpoints endpoints() {
+    std::ostringstream quiet;
+    Stores stores(quiet);
+    return ServiceEndpoints::resolve(stores.defaults);
+}
 
 // The stores as at launch, with the stored OpenAI key in place.
 TranslatorSettings launchSettings(std::ostream& err) {

@@ -151,7 +151,7 @@ int runTranslate(const std::vector<std::string>& args, std::ostream& out, std::o
     }
     QtScheduler scheduler;
     QtHttpTransport transport;
-    TranslateCommand command(scheduler, transport, ServiceEndpoints::fromEnvironment().openAI, out, err);
+    TranslateCommand command(scheduler, transport, ServiceEndpoints::resolve(stores.defaults).openAI, out, err);
     int status = kFailed;
     bool done = false;
     command.run(std::move(settings), std::move(*options), [&](int s) {
