@@ -103,6 +103,7 @@ struct ControllerSink {
         id = *controller->state().activeRecordingID;
     }
     ~ControllerSink() {
+        if (lanes) lanes->detach();
         controller.reset();
         library.reset();
         std::error_code ec;

@@ -60,6 +60,7 @@ LiveLanes::LiveLanes(Scheduler& scheduler, HttpTransport& http, std::string open
 LiveLanes::~LiveLanes() = default;
 
 void LiveLanes::attach(LiveController& controller) { parts_->host.controller = &controller; }
+void LiveLanes::detach() { parts_->host.controller = nullptr; }
 
 void LiveLanes::submitClaimed(const Uuid& id) { parts_->pass.submitClaimed(id); }
 void LiveLanes::dispatchPendingTranslations(const Uuid& id) { parts_->pass.dispatchPendingTranslations(id); }

@@ -25,6 +25,9 @@ public:
     // The controller is made after the lanes (it takes them as its dispatch): attach it
     // before the first session.
     void attach(LiveController& controller);
+    // Before the controller goes: work ending later (requests aborted as the lanes go) then
+    // reaches nothing.
+    void detach();
 
     void submitClaimed(const Uuid& recordingID) override;
     void dispatchPendingTranslations(const Uuid& recordingID) override;

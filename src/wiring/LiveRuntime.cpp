@@ -57,8 +57,11 @@ LiveRuntime::LiveRuntime(Options options, std::function<TranslatorSettings()> se
 }
 
 LiveRuntime::~LiveRuntime() {
+    if (!parts_) return;
+    // The controller goes before the lanes: nothing the lanes finish afterwards may reach it.
+    if (parts_->lanes) parts_->lanes->detach();
     // Anything still open is saved before the parts go.
-    if (parts_ && parts_->library) parts_->library->persistRecordingsNow();
+    if (parts_->library) parts_->library->persistRecordingsNow();
 }
 
 Scheduler& LiveRuntime::scheduler() { return parts_->scheduler; }
